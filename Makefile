@@ -1,0 +1,39 @@
+# Front door of the build: `make test` on a fresh Debian 12 machine installs what is missing,
+# configures, builds and runs the whole suite.
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?=
+
+.PHONY: all deps testdata build test test-asan test-tsan bench clean
+
+all: build
+
+deps:
+	./scripts/install-deps.sh
+
+testdata: deps
+	./scripts/fetch-testdata.sh
+
+build/Makefile: CMakeLists.txt | deps
+	cmake -S . -B build $(CMAKE_FLAGS)
+
+build: deps build/Makefile
+	cmake --build build -j $(JOBS)
+
+test: build testdata
+	cd build && ctest --output-on-failure -j $(JOBS)
+
+test-asan: deps testdata
+	cmake -S . -B build-asan -DKOVANE_SANITIZE=address -DCMAKE_BUILD_TYPE=Debug $(CMAKE_FLAGS)
+	cmake --build build-asan -j $(JOBS)
+	cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS)
+
+test-tsan: deps testdata
+	cmake -S . -B build-tsan -DKOVANE_SANITIZE=thread -DCMAKE_BUILD_TYPE=Debug $(CMAKE_FLAGS)
+	cmake --build build-tsan -j $(JOBS)
+	cd build-tsan && ctest --output-on-failure -j $(JOBS)
+
+bench: build
+	for b in build/bench/bench_*; do $$b; done
+
+clean:
+	rm -rf build build-asan build-tsan
