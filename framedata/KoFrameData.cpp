@@ -1,0 +1,133 @@
+#include "KoFrameData.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "fastcv.h"
+
+namespace android {
+
+pthread_mutex_t KoFrameData::gFrameDataMutex = PTHREAD_MUTEX_INITIALIZER;
+
+KoFrameData::KoFrameData()
+    : mTimestamp(0),
+      mFrameId(0),
+      mHasZsl(0),
+      mWidth(0),
+      mHeight(0),
+      mAnalysisWidth(0),
+      mAnalysisHeight(0),
+      mSmallWidth(0),
+      mSmallHeight(0),
+      mAnalysisImage(nullptr),
+      mFeScore(0),
+      mAuxScore(0.0f),
+      mFacesScore(0.0f),
+      mBsScore(0.0f),
+      mStatsWidth(0),
+      mStatsHeight(0),
+      mStatsParams{0, 0, 0, 0, 0},
+      mLumaStats(),
+      mDiffStats(),
+      mSobelStats(),
+      mHistogramBins(0),
+      mHistogram(nullptr),
+      mMotionResult{},
+      mAccelSample(),
+      mGyroSample(),
+      mOrientSample(),
+      mMagneticSample(),
+      mSensorEnabled{0, 0, 0, 0},
+      mCafState(0),
+      mLensPos(0),
+      mAfRoiType(0),
+      mAfNumRoi(0),
+      mAfWindow{0, 0, 0, 0},
+      mZoom(0),
+      mOrientation(0),
+      mLuxLevel(0),
+      mAecState(0),
+      mAwbState(0),
+      mLuxIdx(0.0f),
+      mExpTime(0.0f),
+      mStreamType(0),
+      mPreviewWidth(0),
+      mPreviewHeight(0),
+      mAnalysisImageSize(0),
+      mFaceRefWidth(0),
+      mFaceRefHeight(0),
+      mCamMotion{},
+      mProcessedEvents(0) {
+  memset(&mFaceData, 0, sizeof(mFaceData));
+  pthread_mutex_init(&mZslLock, nullptr);
+}
+
+KoFrameData::~KoFrameData() {
+  setZslBuffer(nullptr);
+  mAnalysisImage = nullptr;
+  sp<ABuffer>* images[] = {&mSmallImage, &mSobelBuffer1, &mSobelBuffer2, &mDownscaledImage};
+  for (sp<ABuffer>* image : images) {
+    if (*image != nullptr) {
+      fcvMemFree((*image)->base());
+      image->clear();
+    }
+  }
+  mMetaBuffer.clear();
+  for (Vector<KO_dataStats_t>& v : mStatsVectors) v.clear();
+  if (mHistogram) {
+    free(mHistogram);
+    mHistogram = nullptr;
+  }
+  pthread_mutex_destroy(&mZslLock);
+}
+
+void KoFrameData::setProcessedEvents(uint32_t bits) {
+  // Never block here: the history calls this with gFrameDataMutex already held. The bit set
+  // itself is atomic, so the update is whole with or without the mutex.
+  bool locked = pthread_mutex_trylock(&gFrameDataMutex) == 0;
+  mProcessedEvents.fetch_or(bits, std::memory_order_acq_rel);
+  if (locked) pthread_mutex_unlock(&gFrameDataMutex);
+}
+
+sp<ABuffer> KoFrameData::zslBuffer() const {
+  pthread_mutex_lock(&mZslLock);
+  sp<ABuffer> handle = mZslBuffer;
+  pthread_mutex_unlock(&mZslLock);
+  return handle;
+}
+
+void KoFrameData::setZslBuffer(const sp<ABuffer>& handle) {
+  sp<ABuffer> old;
+  pthread_mutex_lock(&mZslLock);
+  old = mZslBuffer;
+  mZslBuffer = handle;
+  pthread_mutex_unlock(&mZslLock);
+  // `old` is released here, outside the lock.
+}
+
+void KoFrameData::clearZslBuffer(const sp<ABuffer>& handle) {
+  sp<ABuffer> old;
+  pthread_mutex_lock(&mZslLock);
+  if (mZslBuffer == handle) {
+    old = mZslBuffer;
+    mZslBuffer.clear();
+  }
+  pthread_mutex_unlock(&mZslLock);
+}
+
+KO_sensorData_t KoFrameData::sensorData() const {
+  KO_sensorData_t block;
+  memset(&block, 0, sizeof(block));
+  const KoSensorSample* samples[4] = {&mAccelSample, &mGyroSample, &mOrientSample, &mMagneticSample};
+  KO_sensorSample_t* out[4] = {&block.accel, &block.gyro, &block.orient, &block.magnetic};
+  for (int i = 0; i < 4; ++i) {
+    out[i]->timeStamp = samples[i]->mTimestamp;
+    out[i]->x = samples[i]->mX;
+    out[i]->y = samples[i]->mY;
+    out[i]->z = samples[i]->mZ;
+    block.enabled[i] = mSensorEnabled[i];
+  }
+  return block;
+}
+
+}  // namespace android

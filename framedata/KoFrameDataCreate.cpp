@@ -1,0 +1,306 @@
+#include "KoFrameDataCreate.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include <libyuv.h>
+#include <log/log.h>
+
+#include "DexFrameMetaData.h"
+#include "KoEngineContext.h"
+#include "KoMemory.h"
+#include "SensorManager.h"
+#include "fastcv.h"
+
+#undef LOG_TAG
+#define LOG_TAG "KoFrameData"
+
+namespace android {
+
+namespace {
+
+// Engine feature and sensor-selection bits used here.
+const uint32_t kFeatureSensors = 0x10;
+const uint32_t kSensorAccel = 0x1;
+const uint32_t kSensorGyro = 0x2;
+const uint32_t kSensorMagnetic = 0x4;
+const uint32_t kSensorOrientation = 0x8;
+const nsecs_t kSensorRateNs = 30000000;  // 30 ms
+
+// Sensor types in the order of the enabled flags and samples.
+const int kSensorTypes[4] = {ASENSOR_TYPE_ACCELEROMETER, ASENSOR_TYPE_GYROSCOPE,
+                             ASENSOR_TYPE_ORIENTATION, ASENSOR_TYPE_MAGNETIC_FIELD};
+const uint32_t kSensorBits[4] = {kSensorAccel, kSensorGyro, kSensorOrientation, kSensorMagnetic};
+
+const char kNewFrameSignature[] =
+    "android::status_t android::KoFrameDataCreate::newFrame(KO_PreviewFrameData_t*, "
+    "android::sp<android::KoFrameData>&)";
+const char kNewFaceSignature[] =
+    "android::status_t android::KoFrameDataCreate::newFaceData(KO_cam_face_detection_data_t*, "
+    "android::sp<android::KoFaceMetaData>&)";
+
+sp<ABuffer> allocImage(size_t bytes) {
+  void* mem = fcvMemAlloc(static_cast<unsigned int>(bytes), 16);
+  if (!mem) return nullptr;
+  return new ABuffer(mem, bytes);
+}
+
+}  // namespace
+
+KoFrameDataCreate::KoFrameDataCreate(KoEngineContext* engine)
+    : mEngine(engine),
+      mSensorEnabled{0, 0, 0, 0},
+      mLastAccelSample(),
+      mLastGyroSample(),
+      mLastOrientSample(),
+      mLastMagneticSample() {
+  setup();
+}
+
+KoFrameDataCreate::~KoFrameDataCreate() {
+  if (mSensorQueue != nullptr) {
+    cleanup();
+    mSensorQueue.clear();
+  }
+}
+
+status_t KoFrameDataCreate::setup() {
+  if (!mEngine || !(mEngine->featureMask() & kFeatureSensors)) return 0;
+  SensorManager& manager = SensorManager::getInstance();
+  const uint32_t selection = mEngine->sensorMask();
+  Sensor const* sensors[4] = {nullptr, nullptr, nullptr, nullptr};
+  for (int i = 0; i < 4; ++i) {
+    if (selection & kSensorBits[i]) sensors[i] = manager.getDefaultSensor(kSensorTypes[i]);
+  }
+  if (mSensorQueue != nullptr) {
+    cleanup();
+    mSensorQueue.clear();
+  }
+  mSensorQueue = manager.createEventQueue();
+  if (mSensorQueue == nullptr) return 0;
+  for (int i = 0; i < 4; ++i) {
+    if (!sensors[i]) continue;
+    mSensorQueue->enableSensor(sensors[i]);
+    mSensorQueue->setEventRate(sensors[i], kSensorRateNs);
+    mSensorEnabled[i] = 1;
+  }
+  return 0;
+}
+
+status_t KoFrameDataCreate::cleanup() {
+  if (mSensorQueue == nullptr) return 0;
+  SensorManager& manager = SensorManager::getInstance();
+  for (int i = 0; i < 4; ++i) {
+    if (!mSensorEnabled[i]) continue;
+    Sensor const* sensor = manager.getDefaultSensor(kSensorTypes[i]);
+    if (sensor) mSensorQueue->disableSensor(sensor);
+  }
+  return 0;
+}
+
+status_t KoFrameDataCreate::newFrame(KO_PreviewFrameData_t* preview, sp<KoFrameData>& out) {
+  if (!preview) {
+    ALOG(LOG_ERROR, LOG_TAG, "%s: failed to add history frame", kNewFrameSignature);
+    return 0;
+  }
+  sp<KoFrameData> frame = new KoFrameData();
+  frame->mStreamType = preview->streamType;
+  const bool knownStream =
+      preview->streamType == KO_STREAM_TYPE_PREVIEW || preview->streamType == KO_STREAM_TYPE_VIDEO;
+  if (!knownStream || preview->colorFormat != KO_COLOR_FORMAT_NV21) {
+    ALOG(LOG_ERROR, LOG_TAG, "Unknown: stream=%d, format=%d", static_cast<int>(preview->streamType),
+         static_cast<int>(preview->colorFormat));
+    ALOG(LOG_ERROR, LOG_TAG, "%s: failed to add history frame", kNewFrameSignature);
+    return 0;
+  }
+  frame->mTimestamp = preview->timeStamp;
+  frame->mFrameId = preview->frameId;
+  frame->mZoom = preview->zoom;
+  frame->mCafState = preview->cafState;
+  getDexCustomAFMetadata(frame, preview->afMetadata);
+  frame->mOrientation = preview->orientation;
+  frame->mPreviewWidth = static_cast<uint32_t>(preview->width);
+  frame->mPreviewHeight = static_cast<uint32_t>(preview->height);
+  if (preview->streamType == KO_STREAM_TYPE_PREVIEW) {
+    frame->mFaceRefWidth = static_cast<uint32_t>(preview->width);
+    frame->mFaceRefHeight = static_cast<uint32_t>(preview->height);
+  }
+  if (downscaleImage(preview->planes, frame, preview->data, preview->width, preview->height) != 0) {
+    ALOG(LOG_ERROR, LOG_TAG, "%s: failed to add history frame", kNewFrameSignature);
+    return 0;
+  }
+  getSensorData(frame);
+  frame->mHistogramBins = KoFrameData::HISTOGRAM_BINS;
+  frame->mHistogram = static_cast<uint32_t*>(malloc(KoFrameData::HISTOGRAM_BINS * sizeof(uint32_t)));
+  out = frame;
+  return 0;
+}
+
+status_t KoFrameDataCreate::newFaceData(KO_cam_face_detection_data_t* face, sp<KoFaceMetaData>& out) {
+  sp<KoFaceMetaData> faceData = new (std::nothrow) KoFaceMetaData();
+  if (faceData == nullptr) {
+    ALOG(LOG_ERROR, LOG_TAG, "%s: failed to add face frame", kNewFaceSignature);
+    return NO_MEMORY;
+  }
+  if (face) {
+    faceData->mValid = 1;
+    memcpy(&faceData->mFaceData.record, face, sizeof(KO_cam_face_detection_data_t));
+  }
+  out = faceData;
+  return 0;
+}
+
+status_t KoFrameDataCreate::newZslFrame(KO_ZslFrameData_t* zsl, sp<KoMemoryBuffer>& out) {
+  if (!zsl || !mEngine || !mEngine->memory()) return 0;
+  sp<KoMemoryBuffer> memory;
+  if (mEngine->memory()->addZslBuffer(static_cast<uint8_t*>(zsl->buffer), &memory)) out = memory;
+  return 0;
+}
+
+status_t KoFrameDataCreate::getDexCustomAFMetadata(sp<KoFrameData>& frame, KO_dex_af_metadata_t* af) {
+  if (!af) return 0;
+  // The window is stored unaligned; copy the record out before reading it.
+  KO_dex_af_metadata_t meta;
+  memcpy(&meta, af, sizeof(meta));
+  frame->mLensPos = static_cast<int16_t>(meta.lensPosition);
+  frame->mAfRoiType = meta.roiType;
+  frame->mAfNumRoi = 1;
+  frame->mAfWindow[0] = meta.roiX;
+  frame->mAfWindow[1] = meta.roiY;
+  frame->mAfWindow[2] = meta.roiDx;
+  frame->mAfWindow[3] = meta.roiDy;
+  return 0;
+}
+
+status_t KoFrameDataCreate::getSensorData(sp<KoFrameData>& frame) {
+  if (mSensorQueue == nullptr) return 0;
+  Sensor const* const* list = nullptr;
+  ssize_t count = SensorManager::getInstance().getSensorList(&list);
+  size_t room = count > 0 ? static_cast<size_t>(count) : 1;
+  std::vector<ASensorEvent> events(room);
+  KoSensorSample* frameSamples[4] = {&frame->mAccelSample, &frame->mGyroSample, &frame->mOrientSample,
+                                     &frame->mMagneticSample};
+  KoSensorSample* lastSamples[4] = {&mLastAccelSample, &mLastGyroSample, &mLastOrientSample,
+                                    &mLastMagneticSample};
+  bool seen[4] = {false, false, false, false};
+  for (;;) {
+    ssize_t n = mSensorQueue->read(events.data(), room);
+    if (n < 1) break;
+    for (ssize_t e = 0; e < n; ++e) {
+      const ASensorEvent& ev = events[static_cast<size_t>(e)];
+      for (int i = 0; i < 4; ++i) {
+        if (ev.type != kSensorTypes[i]) continue;
+        *frameSamples[i] = KoSensorSample{ev.timestamp, ev.data[0], ev.data[1], ev.data[2]};
+        seen[i] = true;
+      }
+    }
+  }
+  for (int i = 0; i < 4; ++i) {
+    if (seen[i]) {
+      *lastSamples[i] = *frameSamples[i];
+    } else {
+      *frameSamples[i] = *lastSamples[i];
+    }
+    frame->mSensorEnabled[i] = mSensorEnabled[i];
+  }
+  return 0;
+}
+
+status_t KoFrameDataCreate::downscaleImage(KO_cam_frame_len_offset_t* planes, sp<KoFrameData>& frame,
+                                           const uint8_t* data, int width, int height) {
+  if (!planes || !data || width <= 0 || height <= 0) {
+    ALOG(LOG_ERROR, LOG_TAG, "%s: no image (data %p, planes %p, %dx%d)", "downscaleImage", data,
+         static_cast<const void*>(planes), width, height);
+    return BAD_VALUE;
+  }
+  const double pixels = static_cast<double>(width) * height;
+  const double target = static_cast<double>(width) / height < 1.4 ? 307200.0 : 230400.0;
+  const double s = pixels > target ? std::sqrt(pixels / target) : 1.0;
+  const uint32_t outW = static_cast<uint32_t>(width / s + 15) & ~15u;
+  const uint32_t outH = static_cast<uint32_t>(height / s + 7) & ~7u;
+  // Reduction only: a source whose rounded size would grow (narrower than 16 or not a
+  // multiple of 16 below the target) cannot be reduced.
+  if (outW == 0 || outH == 0 || outW > static_cast<uint32_t>(width) || outH > static_cast<uint32_t>(height)) {
+    ALOG(LOG_ERROR, LOG_TAG, "%s: source %dx%d cannot be reduced to %ux%u", "downscaleImage", width,
+         height, outW, outH);
+    return BAD_VALUE;
+  }
+  const bool fixedSize = (width == 1280 && height == 720) || (width == 1920 && height == 1080) ||
+                         (width == 1440 && height == 1080);
+  const int lumaStride = fixedSize ? width : planes->mp[0].stride;
+  if (lumaStride < width || planes->mp[1].stride < (width / 2) * 2) {
+    ALOG(LOG_ERROR, LOG_TAG, "%s: strides %d/%d too small for width %d", "downscaleImage",
+         planes->mp[0].stride, planes->mp[1].stride, width);
+    return BAD_VALUE;
+  }
+  frame->mWidth = outW;
+  frame->mHeight = outH;
+
+  const size_t outBytes = static_cast<size_t>(outW) * outH * 3 / 2;
+  uint8_t* out = static_cast<uint8_t*>(fcvMemAlloc(static_cast<unsigned int>(outBytes), 16));
+  if (!out) return NO_MEMORY;
+  uint8_t* planeA = out + static_cast<size_t>(outW) * outH;
+  uint8_t* planeB = planeA + static_cast<size_t>(outW / 2) * (outH / 2);
+  const uint8_t* chroma = data + planes->mp[0].len + planes->mp[1].offset;
+  const int chromaStride = planes->mp[1].stride;
+  const int cw = static_cast<int>(outW / 2);
+  const int ch = static_cast<int>(outH / 2);
+
+  // The three common camera sizes take the fixed-ratio reducers, which read the luma with the
+  // frame width as stride; every other size takes the general reducers with the layout's stride.
+  if (width == 1280 && height == 720) {
+    DexFrameMetaData::downScaleLuma2x(out, data, 1280, outW, outH);
+    DexFrameMetaData::decimateChroma2x(planeA, planeB, chroma, chromaStride, cw, ch, 1);
+  } else if (width == 1920 && height == 1080) {
+    DexFrameMetaData::downScaleLuma3x(out, data, 1920, outW, outH);
+    DexFrameMetaData::decimateChroma3x(planeA, planeB, chroma, chromaStride, cw, ch, 1);
+  } else if (width == 1440 && height == 1080) {
+    DexFrameMetaData::downscaleLuma9to4(out, data, outW, outH, 1440);
+    DexFrameMetaData::downscaleChroma9to4(planeA, planeB, chroma, cw, ch, chromaStride);
+  } else {
+    fcvScaleDownMNu8(data, width, height, planes->mp[0].stride, out, outW, outH, outW);
+    const unsigned int tempBytes = outW * outH / 2;
+    uint8_t* temp = static_cast<uint8_t*>(fcvMemAlloc(tempBytes, 16));
+    if (!temp) {
+      fcvMemFree(out);
+      return NO_MEMORY;
+    }
+    fcvScaleDownMNInterleaveu8(chroma, width / 2, height / 2, chromaStride, temp, outW / 2, outH / 2, outW);
+    // Source pairs are V,U: the first byte of each pair goes to plane B, the second to plane A.
+    libyuv::SplitUVPlane(temp, static_cast<int>(outW), planeB, cw, planeA, cw, cw, ch);
+    fcvMemFree(temp);
+  }
+
+  frame->mDownscaledImage = new ABuffer(out, outBytes);
+  frame->mAnalysisWidth = KoFrameData::ANALYSIS_WIDTH;
+  frame->mAnalysisHeight = KoFrameData::ANALYSIS_HEIGHT;
+  frame->mAnalysisImageSize = KoFrameData::ANALYSIS_IMAGE_BYTES;
+  frame->mSmallWidth = KoFrameData::SMALL_WIDTH;
+  frame->mSmallHeight = KoFrameData::SMALL_HEIGHT;
+  // The 640x360 analysis view is the band centred vertically. A reduced image that cannot hold
+  // it gets no view, so that the analysis steps skip the frame instead of reading outside it.
+  if (outW >= KoFrameData::ANALYSIS_WIDTH && outH >= KoFrameData::ANALYSIS_HEIGHT) {
+    frame->mAnalysisImage = out + static_cast<size_t>(outW) * ((outH - KoFrameData::ANALYSIS_HEIGHT) / 2);
+  } else {
+    ALOG(LOG_WARN, LOG_TAG, "%s: %ux%u holds no %ux%u analysis view", "downscaleImage", outW, outH,
+         static_cast<unsigned>(KoFrameData::ANALYSIS_WIDTH), static_cast<unsigned>(KoFrameData::ANALYSIS_HEIGHT));
+  }
+
+  sp<ABuffer> small = allocImage(KoFrameData::SMALL_IMAGE_BYTES);
+  sp<ABuffer> sobel1 = allocImage(KoFrameData::SOBEL_BUFFER_BYTES);
+  sp<ABuffer> sobel2 = allocImage(KoFrameData::SOBEL_BUFFER_BYTES);
+  if (small == nullptr || sobel1 == nullptr || sobel2 == nullptr) {
+    for (sp<ABuffer>* b : {&small, &sobel1, &sobel2}) {
+      if (*b != nullptr) fcvMemFree((*b)->base());
+    }
+    return NO_MEMORY;
+  }
+  frame->mSmallImage = small;
+  frame->mSobelBuffer1 = sobel1;
+  frame->mSobelBuffer2 = sobel2;
+  return 0;
+}
+
+}  // namespace android

@@ -1,0 +1,346 @@
+// Frame creation from camera inputs: the downscaled analysis image of real pictures on every
+// size path, camera values, motion-sensor samples, face and ZSL records, and bad input.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+
+#include "FrameTestSupport.h"
+#include "HostSensorFeed.h"
+#include "KoFrameDataCreate.h"
+#include "StderrCapture.h"
+#include "TestData.h"
+
+using namespace android;
+using kovane_test::TestEngineContext;
+
+namespace {
+
+// A camera frame: NV21 with the given luma and chroma strides, cut from a larger NV21 picture.
+struct CameraFrame {
+  int width = 0;
+  int height = 0;
+  int stride = 0;
+  std::vector<uint8_t> bytes;
+  KO_cam_frame_len_offset_t planes = {};
+  KO_PreviewFrameData_t preview = {};
+
+  const uint8_t* luma() const { return bytes.data(); }
+  const uint8_t* chroma() const { return bytes.data() + planes.mp[0].len + planes.mp[1].offset; }
+};
+
+CameraFrame cut(const std::vector<uint8_t>& src, int srcW, int srcH, int x0, int y0, int w, int h,
+                int stride) {
+  CameraFrame f;
+  f.width = w;
+  f.height = h;
+  f.stride = stride;
+  f.bytes.assign(static_cast<size_t>(stride) * h * 3 / 2, 0xEE);  // padding is never read
+  const uint8_t* srcUV = src.data() + static_cast<size_t>(srcW) * srcH;
+  for (int y = 0; y < h; ++y) memcpy(&f.bytes[static_cast<size_t>(y) * stride], &src[static_cast<size_t>(y0 + y) * srcW + x0], w);
+  uint8_t* uv = f.bytes.data() + static_cast<size_t>(stride) * h;
+  for (int y = 0; y < h / 2; ++y)
+    memcpy(uv + static_cast<size_t>(y) * stride, srcUV + static_cast<size_t>(y0 / 2 + y) * srcW + (x0 / 2) * 2, w);
+  // The group photograph is almost grey, so U and V would be alike; inverting V keeps the
+  // picture's structure and makes a swap of the two planes visible.
+  for (int y = 0; y < h / 2; ++y)
+    for (int x = 0; x < w; x += 2) uv[static_cast<size_t>(y) * stride + x] = static_cast<uint8_t>(255 - uv[static_cast<size_t>(y) * stride + x]);
+  f.planes.numPlanes = 2;
+  f.planes.mp[0] = {stride * h, 0, stride, h};
+  f.planes.mp[1] = {stride * h / 2, 0, stride, h / 2};
+  f.planes.frameLen = static_cast<uint32_t>(f.bytes.size());
+  f.preview.timeStamp = 123456789;
+  f.preview.frameId = 42;
+  f.preview.streamType = KO_STREAM_TYPE_PREVIEW;
+  f.preview.width = w;
+  f.preview.height = h;
+  f.preview.data = f.bytes.data();
+  f.preview.colorFormat = KO_COLOR_FORMAT_NV21;
+  f.preview.planes = &f.planes;
+  f.preview.zoom = 3;
+  f.preview.orientation = 90;
+  f.preview.cafState = 4;
+  return f;
+}
+
+// Exact area average of one channel: every output pixel is the mean of the source area it
+// covers, partial source pixels weighted by their overlap.
+std::vector<double> areaAverage(const uint8_t* src, int sw, int sh, int rowBytes, int step, int channel,
+                                int dw, int dh) {
+  auto weights = [](int s, int d) {
+    std::vector<std::vector<std::pair<int, double>>> w(d);
+    const double scale = static_cast<double>(s) / d;
+    for (int o = 0; o < d; ++o) {
+      double a = o * scale, b = (o + 1) * scale;
+      for (int i = static_cast<int>(std::floor(a)); i < static_cast<int>(std::ceil(b)) && i < s; ++i) {
+        double overlap = std::min(b, i + 1.0) - std::max(a, static_cast<double>(i));
+        if (overlap > 0) w[o].push_back({i, overlap / scale});
+      }
+    }
+    return w;
+  };
+  auto wx = weights(sw, dw), wy = weights(sh, dh);
+  std::vector<double> out(static_cast<size_t>(dw) * dh);
+  for (int y = 0; y < dh; ++y)
+    for (int x = 0; x < dw; ++x) {
+      double sum = 0;
+      for (auto& [sy, fy] : wy[y])
+        for (auto& [sx, fx] : wx[x]) sum += fy * fx * src[static_cast<size_t>(sy) * rowBytes + sx * step + channel];
+      out[static_cast<size_t>(y) * dw + x] = sum;
+    }
+  return out;
+}
+
+struct Diff {
+  double maxAbs = 0;
+  double meanAbs = 0;
+};
+Diff compare(const uint8_t* got, const std::vector<double>& ref) {
+  Diff d;
+  for (size_t i = 0; i < ref.size(); ++i) {
+    double e = std::fabs(got[i] - ref[i]);
+    d.maxAbs = std::max(d.maxAbs, e);
+    d.meanAbs += e;
+  }
+  d.meanAbs /= static_cast<double>(ref.size());
+  return d;
+}
+
+// Checks the three planes of a frame's downscaled image against the area-average reference;
+// plane A must be U (the second byte of each V,U pair), plane B V.
+void expectMatchesReference(const CameraFrame& cam, const sp<KoFrameData>& frame, double maxAbs, double meanAbs) {
+  const int w = static_cast<int>(frame->mWidth), h = static_cast<int>(frame->mHeight);
+  const uint8_t* out = frame->mDownscaledImage->data();
+  const uint8_t* planeA = out + w * h;
+  const uint8_t* planeB = planeA + (w / 2) * (h / 2);
+  Diff y = compare(out, areaAverage(cam.luma(), cam.width, cam.height, cam.stride, 1, 0, w, h));
+  std::vector<double> refU = areaAverage(cam.chroma(), cam.width / 2, cam.height / 2, cam.stride, 2, 1, w / 2, h / 2);
+  std::vector<double> refV = areaAverage(cam.chroma(), cam.width / 2, cam.height / 2, cam.stride, 2, 0, w / 2, h / 2);
+  Diff u = compare(planeA, refU);
+  Diff v = compare(planeB, refV);
+  EXPECT_LE(y.maxAbs, maxAbs);
+  EXPECT_LE(y.meanAbs, meanAbs);
+  EXPECT_LE(u.maxAbs, maxAbs);
+  EXPECT_LE(u.meanAbs, meanAbs);
+  EXPECT_LE(v.maxAbs, maxAbs);
+  EXPECT_LE(v.meanAbs, meanAbs);
+  // Swapped chroma would match the other reference instead.
+  EXPECT_LT(u.meanAbs, compare(planeA, refV).meanAbs);
+  EXPECT_LT(v.meanAbs, compare(planeB, refU).meanAbs);
+}
+
+class FrameCreation : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    HostSensorFeed::reset();
+    solvay = kovane_test::readNv21("solvay_1920x1080.nv21", 1920, 1080);
+    ASSERT_FALSE(solvay.empty());
+  }
+  void TearDown() override { HostSensorFeed::reset(); }
+  std::vector<uint8_t> solvay;
+};
+
+}  // namespace
+
+TEST_F(FrameCreation, FullHdBecomesAnI420AnalysisImageMatchingTheAreaAverage) {
+  TestEngineContext engine;
+  KoFrameDataCreate factory(&engine);
+  CameraFrame cam = cut(solvay, 1920, 1080, 0, 0, 1920, 1080, 1920);
+  KO_dex_af_metadata_t af = {-5, 100, 200, 300, 400, 2};
+  cam.preview.afMetadata = &af;
+  sp<KoFrameData> frame;
+  ASSERT_EQ(factory.newFrame(&cam.preview, frame), 0);
+  ASSERT_NE(frame, nullptr);
+  EXPECT_EQ(frame->mWidth, 640u);
+  EXPECT_EQ(frame->mHeight, 360u);
+  EXPECT_EQ(frame->mDownscaledImage->size(), 640u * 360 * 3 / 2);
+  EXPECT_EQ(reinterpret_cast<uintptr_t>(frame->mDownscaledImage->data()) % 16, 0u);
+  EXPECT_EQ(frame->mAnalysisImage, frame->mDownscaledImage->data());
+  expectMatchesReference(cam, frame, 1.0, 0.5);
+
+  EXPECT_EQ(frame->mTimestamp, 123456789);
+  EXPECT_EQ(frame->mFrameId, 42u);
+  EXPECT_EQ(frame->mZoom, 3u);
+  EXPECT_EQ(frame->mOrientation, 90);
+  EXPECT_EQ(frame->mCafState, 4);
+  EXPECT_EQ(frame->mPreviewWidth, 1920u);
+  EXPECT_EQ(frame->mFaceRefWidth, 1920u);
+  EXPECT_EQ(frame->mFaceRefHeight, 1080u);
+  EXPECT_EQ(frame->mLensPos, -5);
+  EXPECT_EQ(frame->mAfNumRoi, 1);
+  EXPECT_EQ(frame->mAfRoiType, 2);
+  EXPECT_EQ(frame->mAfWindow[0], 100);
+  EXPECT_EQ(frame->mAfWindow[3], 400);
+  EXPECT_EQ(frame->mAnalysisWidth, 640u);
+  EXPECT_EQ(frame->mAnalysisImageSize, 345600u);
+  EXPECT_EQ(frame->mSmallImage->size(), 57600u);
+  EXPECT_EQ(frame->mSobelBuffer1->size(), 115200u);
+  EXPECT_EQ(frame->mSobelBuffer2->size(), 115200u);
+  EXPECT_EQ(frame->mHistogramBins, 32u);
+  EXPECT_NE(frame->mHistogram, nullptr);
+}
+
+TEST_F(FrameCreation, EverySizeTakesItsPath) {
+  TestEngineContext engine;
+  KoFrameDataCreate factory(&engine);
+  struct Case {
+    int w, h, stride;
+    uint32_t outW, outH;
+    double maxAbs, meanAbs;
+  };
+  // 1280x720 and 1440x1080 take the fixed reducers; 1600x900 with a padded stride and 640x480
+  // the general ones (640x480 is not reduced at all, only copied through).
+  const Case cases[] = {
+      {1280, 720, 1280, 640, 360, 1.0, 0.5},
+      {1440, 1080, 1440, 640, 480, 1.0, 0.5},
+      {1600, 900, 1664, 640, 360, 1.0, 0.5},
+      {640, 480, 640, 640, 480, 0.0, 0.0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.w << "x" << c.h);
+    CameraFrame cam = cut(solvay, 1920, 1080, 40, 20, c.w, c.h, c.stride);
+    cam.preview.streamType = KO_STREAM_TYPE_VIDEO;
+    sp<KoFrameData> frame;
+    ASSERT_EQ(factory.newFrame(&cam.preview, frame), 0);
+    ASSERT_NE(frame, nullptr);
+    EXPECT_EQ(frame->mWidth, c.outW);
+    EXPECT_EQ(frame->mHeight, c.outH);
+    EXPECT_EQ(frame->mFaceRefWidth, 0u);  // video stream: faces do not refer to it
+    EXPECT_EQ(frame->mPreviewWidth, static_cast<uint32_t>(c.w));
+    EXPECT_EQ(frame->mAfNumRoi, 0);
+    EXPECT_EQ(frame->mAnalysisImage, frame->mDownscaledImage->data() + c.outW * ((c.outH - 360) / 2));
+    expectMatchesReference(cam, frame, c.maxAbs, c.meanAbs);
+  }
+}
+
+TEST_F(FrameCreation, BadInputLosesTheFrameWithoutCrashing) {
+  TestEngineContext engine;
+  KoFrameDataCreate factory(&engine);
+  CameraFrame cam = cut(solvay, 1920, 1080, 0, 0, 640, 480, 640);
+  sp<KoFrameData> frame;
+
+  cam.preview.streamType = 2;
+  kovane_test::StderrCapture capture;
+  EXPECT_EQ(factory.newFrame(&cam.preview, frame), 0);
+  cam.preview.streamType = KO_STREAM_TYPE_PREVIEW;
+  cam.preview.colorFormat = 7;
+  EXPECT_EQ(factory.newFrame(&cam.preview, frame), 0);
+  std::string log = capture.finish();
+  EXPECT_EQ(frame, nullptr);
+  EXPECT_NE(log.find("Unknown: stream=2, format=2"), std::string::npos) << log;
+  EXPECT_NE(log.find("Unknown: stream=1, format=7"), std::string::npos) << log;
+  EXPECT_NE(log.find("KoFrameDataCreate::newFrame(KO_PreviewFrameData_t*, android::sp<android::KoFrameData>&): "
+                     "failed to add history frame"),
+            std::string::npos)
+      << log;
+
+  // Null image, null layout, zero and tiny sizes, a stride narrower than the width.
+  cam.preview.colorFormat = KO_COLOR_FORMAT_NV21;
+  kovane_test::StderrCapture quiet;
+  KO_PreviewFrameData_t bad = cam.preview;
+  bad.data = nullptr;
+  EXPECT_EQ(factory.newFrame(&bad, frame), 0);
+  bad = cam.preview;
+  bad.planes = nullptr;
+  EXPECT_EQ(factory.newFrame(&bad, frame), 0);
+  bad = cam.preview;
+  bad.width = 0;
+  EXPECT_EQ(factory.newFrame(&bad, frame), 0);
+  bad = cam.preview;
+  bad.width = 8;
+  bad.height = 8;
+  EXPECT_EQ(factory.newFrame(&bad, frame), 0);
+  bad = cam.preview;
+  KO_cam_frame_len_offset_t narrow = cam.planes;
+  narrow.mp[0].stride = 320;
+  bad.planes = &narrow;
+  EXPECT_EQ(factory.newFrame(&bad, frame), 0);
+  EXPECT_EQ(factory.newFrame(nullptr, frame), 0);
+  quiet.finish();
+  EXPECT_EQ(frame, nullptr);
+
+  // A size whose reduced image cannot hold the analysis view keeps the frame without a view.
+  CameraFrame wide = cut(solvay, 1920, 1080, 0, 0, 1920, 960, 1920);
+  kovane_test::StderrCapture warn;
+  EXPECT_EQ(factory.newFrame(&wide.preview, frame), 0);
+  warn.finish();
+  ASSERT_NE(frame, nullptr);
+  EXPECT_LT(frame->mHeight, 360u);
+  EXPECT_EQ(frame->mAnalysisImage, nullptr);
+}
+
+TEST_F(FrameCreation, FacesAndZslRecords) {
+  TestEngineContext engine;
+  KoFrameDataCreate factory(&engine);
+  sp<KoFaceMetaData> face;
+  ASSERT_EQ(factory.newFaceData(nullptr, face), 0);
+  ASSERT_NE(face, nullptr);
+  EXPECT_EQ(face->mValid, 0u);
+
+  KO_cam_face_detection_data_t rec = {};
+  rec.frameId = 9;
+  rec.numFaces = 1;
+  rec.faces[0].leftBlink = 90;
+  rec.reserved = 0x5A5A;
+  ASSERT_EQ(factory.newFaceData(&rec, face), 0);
+  EXPECT_EQ(face->mValid, 1u);
+  EXPECT_EQ(face->mFaceData.record.faces[0].leftBlink, 90);
+  EXPECT_EQ(face->mFaceData.record.reserved, 0x5A5A);
+  EXPECT_EQ(face->mFaceData.numBlinkedPredicted, 0);
+
+  std::vector<sp<KoMemoryBuffer>> held;
+  for (uintptr_t i = 0; i < 7; ++i) {
+    KO_ZslFrameData_t zsl = {kovane_test::zslAddress(i), static_cast<uint32_t>(i)};
+    sp<KoMemoryBuffer> buffer;
+    ASSERT_EQ(factory.newZslFrame(&zsl, buffer), 0);
+    ASSERT_NE(buffer, nullptr);
+    held.push_back(buffer);
+  }
+  KO_ZslFrameData_t eighth = {kovane_test::zslAddress(7), 7};
+  sp<KoMemoryBuffer> out = held[2];
+  EXPECT_EQ(factory.newZslFrame(&eighth, out), 0);
+  EXPECT_EQ(out, held[2]);  // refused: the reference stays as it was
+}
+
+TEST_F(FrameCreation, SensorSamplesAreTheNewestAndRepeatWhenNothingArrives) {
+  HostSensorFeed::setSensors({ASENSOR_TYPE_ACCELEROMETER, ASENSOR_TYPE_GYROSCOPE, ASENSOR_TYPE_MAGNETIC_FIELD});
+  TestEngineContext engine(0x1F, 0x3);
+  KoFrameDataCreate factory(&engine);
+  ASSERT_NE(factory.mSensorQueue, nullptr);
+  EXPECT_EQ(factory.mSensorEnabled[0], 1);
+  EXPECT_EQ(factory.mSensorEnabled[1], 1);
+  EXPECT_EQ(factory.mSensorEnabled[3], 0);  // not selected by the sensor mask
+  CameraFrame cam = cut(solvay, 1920, 1080, 0, 0, 640, 480, 640);
+
+  HostSensorFeed::inject(ASENSOR_TYPE_ACCELEROMETER, 1000, 0.1f, 9.8f, 0.2f);
+  HostSensorFeed::inject(ASENSOR_TYPE_GYROSCOPE, 1500, 0.01f, 0.02f, 0.03f);
+  HostSensorFeed::inject(ASENSOR_TYPE_ACCELEROMETER, 2000, 0.3f, 9.7f, 0.1f);
+  HostSensorFeed::inject(ASENSOR_TYPE_MAGNETIC_FIELD, 2500, 30.f, 0.f, 0.f);  // not enabled
+  sp<KoFrameData> first;
+  ASSERT_EQ(factory.newFrame(&cam.preview, first), 0);
+  ASSERT_NE(first, nullptr);
+  EXPECT_EQ(first->mAccelSample.mTimestamp, 2000);  // the newest wins
+  EXPECT_FLOAT_EQ(first->mAccelSample.mX, 0.3f);
+  EXPECT_EQ(first->mGyroSample.mTimestamp, 1500);
+  EXPECT_FLOAT_EQ(first->mGyroSample.mZ, 0.03f);
+  EXPECT_EQ(first->mMagneticSample.mTimestamp, 0);
+  EXPECT_EQ(first->mSensorEnabled[0], 1);
+  EXPECT_EQ(first->mSensorEnabled[1], 1);
+
+  HostSensorFeed::inject(ASENSOR_TYPE_GYROSCOPE, 3000, 0.5f, 0.f, 0.f);
+  sp<KoFrameData> second;
+  ASSERT_EQ(factory.newFrame(&cam.preview, second), 0);
+  EXPECT_EQ(second->mAccelSample.mTimestamp, 2000);  // repeated, time stamp included
+  EXPECT_FLOAT_EQ(second->mAccelSample.mY, 9.7f);
+  EXPECT_EQ(second->mGyroSample.mTimestamp, 3000);
+
+  // Without the sensor feature bit no queue is opened and samples stay zero.
+  TestEngineContext noSensors(0x0F, 0x3);
+  KoFrameDataCreate plain(&noSensors);
+  EXPECT_EQ(plain.mSensorQueue, nullptr);
+  HostSensorFeed::inject(ASENSOR_TYPE_ACCELEROMETER, 4000, 1.f, 1.f, 1.f);
+  sp<KoFrameData> third;
+  ASSERT_EQ(plain.newFrame(&cam.preview, third), 0);
+  EXPECT_EQ(third->mAccelSample.mTimestamp, 0);
+  EXPECT_EQ(third->mSensorEnabled[0], 0);
+}

@@ -1,0 +1,148 @@
+// Snapshots of the history: what they lock, what they release, and that the last reference to a
+// ZSL buffer may go on another thread and still hands the buffer back exactly once.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "FrameTestSupport.h"
+#include "KoFrameHist.h"
+#include "KoFrameHistSnapshot.h"
+#include "KoMemoryBuffer.h"
+
+using namespace android;
+using kovane_test::makeFrame;
+using kovane_test::TestEngineContext;
+using kovane_test::zslAddress;
+
+namespace {
+
+void status(TestEngineContext& engine, uintptr_t n, uint32_t* st, int32_t* locks) {
+  ASSERT_TRUE(engine.memory()->getStatus(zslAddress(n), st, locks)) << n;
+}
+
+// A history of `frames` frames (ids 1..frames) of which every sixth has a ZSL buffer.
+void fill(TestEngineContext& engine, KoFrameHist& hist, uint32_t frames) {
+  for (uint32_t id = 1; id <= frames; ++id) {
+    sp<KoFrameData> f = makeFrame(id, id * 33333);
+    hist.addFrameData(f);
+    if (id % 6 == 0) {
+      sp<KoMemoryBuffer> buffer;
+      ASSERT_TRUE(engine.memory()->addZslBuffer(zslAddress(id), &buffer));
+      hist.addZslData(buffer, nullptr, id);
+    }
+  }
+}
+
+}  // namespace
+
+TEST(KoFrameHistSnapshot, EmptyHistoryGivesEmptySnapshot) {
+  KoFrameHist hist;
+  KoFrameHistSnapshot snap(&hist);
+  Vector<sp<KoFrameData>> frames;
+  frames.push_back(makeFrame(99, 0));
+  snap.getFrameDataQueue(frames);
+  EXPECT_EQ(frames.size(), 1u);  // appended nothing, emptied nothing
+  EXPECT_EQ(snap.size(), 0u);
+}
+
+TEST(KoFrameHistSnapshot, LocksEachBufferOnceAndUnlocksOnce) {
+  TestEngineContext engine;
+  KoFrameHist hist;
+  fill(engine, hist, 30);  // buffers on frames 6, 12, 18, 24, 30
+
+  auto* snap = new KoFrameHistSnapshot(&hist);
+  ASSERT_EQ(snap->size(), 30u);
+  for (uintptr_t id = 6; id <= 30; id += 6) {
+    uint32_t st;
+    int32_t locks;
+    status(engine, id, &st, &locks);
+    EXPECT_EQ(locks, 1) << id;
+    EXPECT_EQ(st, KoMemory::STATUS_IN_HISTORY | KoMemory::STATUS_SNAPSHOT) << id;
+  }
+  Vector<sp<KoFrameData>> frames;
+  snap->getFrameDataQueue(frames);
+  ASSERT_EQ(frames.size(), 30u);
+  EXPECT_EQ(frames[0]->mFrameId, 1u);
+  EXPECT_EQ(frames[29]->mFrameId, 30u);
+
+  // Released buffers are not unlocked again when the snapshot dies.
+  snap->releaseZSLBuffers();
+  for (uintptr_t id = 6; id <= 30; id += 6) {
+    uint32_t st;
+    int32_t locks;
+    status(engine, id, &st, &locks);
+    EXPECT_EQ(locks, 0) << id;
+    EXPECT_EQ(st, KoMemory::STATUS_IN_HISTORY) << id;
+  }
+  delete snap;
+  for (uintptr_t id = 6; id <= 30; id += 6) {
+    uint32_t st;
+    int32_t locks;
+    status(engine, id, &st, &locks);
+    EXPECT_EQ(locks, 0) << id;
+  }
+  EXPECT_TRUE(engine.returned().empty());  // the history still holds them
+}
+
+TEST(KoFrameHistSnapshot, SkipsFramesNeverAddedToAHistory) {
+  KoFrameHistBase source;
+  sp<KoFrameData> outside = makeFrame(5, 0);
+  sp<KoMemoryBuffer> none;
+  source.mHistory.push_back(new KoFrameHistNode(outside, none));
+  KoFrameHistSnapshot snap(&source);
+  EXPECT_EQ(snap.size(), 0u);
+}
+
+TEST(KoFrameHistSnapshot, OutlivesTheHistoryAndReturnsBuffersOnAnotherThread) {
+  TestEngineContext engine;
+  KoFrameHistSnapshot* snap = nullptr;
+  {
+    KoFrameHist hist;
+    fill(engine, hist, 12);
+    snap = new KoFrameHistSnapshot(&hist);
+    hist.removeOldestItems(12);  // the live history drops everything
+  }
+  EXPECT_TRUE(engine.returned().empty());
+  sp<KoFrameData> frame;
+  snap->getItemWithFrameId(6, frame);
+  ASSERT_NE(frame, nullptr);
+  EXPECT_EQ(frame->mTimestamp, 6 * 33333);
+  EXPECT_NE(frame->zslBuffer(), nullptr);
+  frame.clear();
+
+  // The capture lets go of its buffers on the background thread.
+  std::thread background([snap] { snap->releaseZSLBuffers(); });
+  background.join();
+  EXPECT_EQ(engine.timesReturned(zslAddress(6)), 1u);
+  EXPECT_EQ(engine.timesReturned(zslAddress(12)), 1u);
+  snap->getItemWithFrameId(6, frame);
+  ASSERT_NE(frame, nullptr);
+  EXPECT_EQ(frame->zslBuffer(), nullptr);
+  frame.clear();
+
+  std::thread destroyer([snap] { delete snap; });
+  destroyer.join();
+  EXPECT_EQ(engine.returned().size(), 2u);
+  EXPECT_EQ(engine.memory()->count(), 0u);
+}
+
+TEST(KoFrameHistSnapshot, LastReferenceAnywhereReturnsTheBufferOnce) {
+  // Whoever holds the buffer last (history, pending list, snapshot), it goes back once.
+  TestEngineContext engine;
+  auto* hist = new KoFrameHist();
+  fill(engine, *hist, 6);  // buffer on frame 6
+  sp<KoMemoryBuffer> pending;
+  ASSERT_TRUE(engine.memory()->addZslBuffer(zslAddress(100), &pending));
+  hist->addZslData(pending, nullptr, 100);
+  pending.clear();
+  auto* snapA = new KoFrameHistSnapshot(hist);
+  auto* snapB = new KoFrameHistSnapshot(hist);
+  delete hist;  // pending item freed: buffer 100 goes back; buffer 6 stays with the snapshots
+  EXPECT_EQ(engine.timesReturned(zslAddress(100)), 1u);
+  EXPECT_EQ(engine.timesReturned(zslAddress(6)), 0u);
+  delete snapA;
+  EXPECT_EQ(engine.timesReturned(zslAddress(6)), 0u);
+  std::thread([snapB] { delete snapB; }).join();
+  EXPECT_EQ(engine.timesReturned(zslAddress(6)), 1u);
+  EXPECT_EQ(engine.returned().size(), 2u);
+}
