@@ -5,10 +5,79 @@
 
 namespace android {
 
+class KoFrameHistSnapshot;
+
+// Statistics of a set of values (pixels, differences, gradient magnitudes or per-frame means),
+// read by word by the engine and the statistics record. Words 1 and 2 both hold the standard
+// deviation: the engine reads `stddev`, the capture record prints word 1.
+struct KO_dataStats_t {
+  float mean;
+  float stddevCopy;  // same value as stddev
+  float stddev;
+  float min;
+  float max;
+};
+static_assert(sizeof(KO_dataStats_t) == 20, "KO_dataStats_t is read by word");
+
 class DexFrameMetaData {
  public:
+  // Result of calculateShift. The caller presets searchRange; the kernel fills the rest.
+  struct xyShift {
+    int32_t dx;           // best shift of B against A: B(x + dx, y + dy) matches A(x, y)
+    int32_t dy;
+    int32_t searchRange;  // +/- range searched, in analysis pixels (<= 0: 40)
+    float a;              // mean absolute luma difference at zero shift
+    float b;              // mean absolute luma difference at the best shift
+  };
+  static_assert(sizeof(xyShift) == 20, "xyShift is read by word");
+
   DexFrameMetaData();
   ~DexFrameMetaData();
+
+  // ---- Per-frame statistics. All return 0, or -1 (logged, outputs untouched) for null
+  // pointers or non-positive sizes.
+
+  // Mean, standard deviation, min and max of n bytes.
+  static int calcMeanStddev(const uint8_t* img, KO_dataStats_t* stats, int n);
+  // Statistics of |cur - prev| over n bytes.
+  static int calcMFrameDiff(const uint8_t* cur, const uint8_t* prev, KO_dataStats_t* stats,
+                            int n);
+  // Luma histogram of a w x h region with `bins` equal-width bins (a power of two, 1..256);
+  // bin i counts the values v with v * bins / 256 == i. The counts sum to w * h.
+  static int genHistogramPow2(const uint8_t* img, uint32_t* hist, int w, int h, int stride,
+                              int bins);
+  // 3x3 Sobel of a w x h image (row stride w): gx into scratch1, gy into scratch2 (w * h int16
+  // values each, the one-pixel border set to 0), and statistics of the gradient magnitude
+  // sqrt(gx^2 + gy^2) / 4 over the interior pixels. flags is reserved (pass 0).
+  static int calcSobelFrame(const uint8_t* img, KO_dataStats_t* stats, int w, int h, int flags,
+                            int16_t* scratch1, int16_t* scratch2);
+  // The same gradient-magnitude statistics over the interior of the w x h region at (x, y)
+  // of an image with the given row stride (pixels outside the region are never read).
+  static int calcSobel2DRegion(const uint8_t* img, KO_dataStats_t& stats, int x, int y, int w,
+                               int h, int stride, int flags);
+
+  // Global translation of B against A. A and B are w x h views (row stride w); smallA and
+  // smallB their 2x reductions (sw x sh, stride sw). The search runs exhaustively on a further
+  // 2x reduction of the small images, is refined on the small images and then on the views.
+  // Differences are taken over the central window that stays inside both images for every
+  // shift in range. Fills dx, dy, a and b; returns 0, or -1 (logged, shift untouched) for null
+  // pointers, bad sizes or images too small for any search.
+  static int calculateShift(const uint8_t* imageA, const uint8_t* imageB, int w, int h,
+                            const uint8_t* smallA, const uint8_t* smallB, int sw, int sh,
+                            xyShift* shift);
+
+  // Bhattacharyya distance sqrt(1 - sum sqrt(pA * pB)) of the two histograms normalised to
+  // unit sum (negative counts count as 0): 0.0 for identical shapes, 1.0 for no overlap and
+  // whenever a histogram is empty or an argument is invalid (logged).
+  static float calcBhattacharyyaCoeff(const int* histA, const int* histB, int bins);
+
+  // Statistics, over the first `count` frames of the snapshot (oldest first), of the per-frame
+  // mean selected by type: 0 luma (mLumaStats), 1 frame difference (mDiffStats), 2 Sobel
+  // (mSobelStats). Frames without statistics (processed bit 0x20000 clear) are skipped. flags
+  // is reserved (pass 0). Returns 0; -1 (logged) for invalid arguments, stats untouched; and
+  // -1 with stats zeroed when no frame had statistics.
+  static int KoCalcMeanStddevMinMeanQueue(KoFrameHistSnapshot* snapshot, KO_dataStats_t* stats,
+                                          int count, int type, int flags);
 
   // ---- Fixed-ratio area reducers. All return 0, or -1 (logged) for null pointers or
   // non-positive sizes. Luma reducers write a dstWidth x dstHeight plane with row stride

@@ -1,0 +1,61 @@
+#pragma once
+// Block-matching motion estimation between the analysis view of a frame and a stored reference
+// view: global (camera) shift, and how much of the picture moves differently from it (subject
+// motion), for the whole frame and for its central third.
+#include <cstdint>
+#include <vector>
+
+namespace android {
+
+class DexMotionDetection {
+ public:
+  // Result of processMEPerFrame, 40 bytes, read by word by the engine and the capture record.
+  struct motionResult_t {
+    int32_t numBlocks;        // textured blocks that were matched
+    float globalDx;           // global shift of the view against the reference (median of the
+    float globalDy;           //   block vectors): view(x + dx, y + dy) matches reference(x, y)
+    float vecMagMean;         // mean and standard deviation of the block-vector magnitudes
+    float vecMagStddev;
+    float matchDiff;          // mean absolute difference per pixel at the best matches
+    int32_t numOpposing;      // blocks moving against the global shift
+    int32_t reserved;
+    float frmMotionScoreNorm;     // subject motion of the whole frame, 0 (none) .. 1
+    float ctrFrmMotionScoreNorm;  // the same for the blocks of the central third
+  };
+  static_assert(sizeof(motionResult_t) == 40, "motion result is read by word");
+
+  // Block size, search range (pixels, in each direction) and the deviation from the global
+  // shift (pixels) at which a block counts fully as moving on its own.
+  static constexpr int BLOCK = 16;
+  static constexpr int RANGE = 16;
+  static constexpr int FULL_DEVIATION = 6;
+
+  // Largest view the detector accepts (the analysis view: 640 x 360).
+  DexMotionDetection(int width, int height);
+  ~DexMotionDetection();
+
+  // Stores a copy of a w x h view (row stride `stride`) as the reference of the next
+  // estimation. Returns 0, or -1 (logged, reference unchanged) for null pointers, non-positive
+  // sizes or a view larger than the constructor's size.
+  int copyNewRefFrame(const uint8_t* view, int w, int h, int stride);
+
+  // Block matching of `view` (the reference's size, row stride `stride`) against the reference:
+  // 16x16 blocks on a regular grid inside a 16-pixel margin, full search of +/-16 pixels by sum
+  // of absolute differences (coarse on a 2x reduction, refined at full resolution); blocks with
+  // too little texture to match are skipped. Fills `result` (a motionResult_t). Without a
+  // reference the result is all zero with 0 blocks. The three unnamed pointers and `scratch`
+  // are accepted for the caller's convenience and not used. Returns 0, or -1 (logged, result
+  // untouched) for null view/result or a bad stride.
+  int processMEPerFrame(const uint8_t* view, const void* unused1, const void* unused2,
+                        const void* unused3, void* scratch, int stride, void* result);
+
+ private:
+  int mMaxWidth;
+  int mMaxHeight;
+  int mRefWidth = 0;
+  int mRefHeight = 0;
+  std::vector<uint8_t> mRef;       // reference view, row stride mRefWidth
+  std::vector<uint8_t> mRefHalf;   // its 2x reduction
+};
+
+}  // namespace android

@@ -1,0 +1,9 @@
+#include "DexSceneClassifer.h"
+
+namespace android {
+
+DexSceneClassifer::DexSceneClassifer() {}
+
+DexSceneClassifer::~DexSceneClassifer() {}
+
+}  // namespace android

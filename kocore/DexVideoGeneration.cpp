@@ -1,0 +1,9 @@
+#include "DexVideoGeneration.h"
+
+namespace android {
+
+DexVideoGeneration::DexVideoGeneration() {}
+
+DexVideoGeneration::~DexVideoGeneration() {}
+
+}  // namespace android

@@ -1,0 +1,97 @@
+// Block motion on a real picture: camera translation, and a region that moves on its own.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <vector>
+
+#include "DexMotionDetection.h"
+#include "KocoreTestImages.h"
+
+namespace android {
+namespace {
+
+using kocore_test::Plane;
+using Result = DexMotionDetection::motionResult_t;
+
+// The group photo at 960x540 gives room to translate a 640x360 view.
+const Plane& bigFrame() {
+  static const Plane big = kocore_test::reducedLuma("solvay_1920x1080.nv21", 1920, 1080, 2);
+  return big;
+}
+
+// Current view: the reference translated by (sx, sy); optionally a 120x90 patch around
+// (px, py) of the current view additionally moved by (mx, my).
+Plane currentView(int sx, int sy, int px = -1, int py = -1, int mx = 0, int my = 0) {
+  Plane cur = kocore_test::crop(bigFrame(), 160 - sx, 90 - sy, 640, 360);
+  if (px >= 0) {
+    for (int y = py - 45; y < py + 45; ++y)
+      for (int x = px - 60; x < px + 60; ++x)
+        cur.px[static_cast<size_t>(y) * 640 + x] =
+            bigFrame().at(160 - sx + x - mx, 90 - sy + y - my);
+  }
+  return cur;
+}
+
+Result run(const Plane& cur) {
+  DexMotionDetection md(640, 360);
+  const Plane ref = kocore_test::crop(bigFrame(), 160, 90, 640, 360);
+  EXPECT_EQ(0, md.copyNewRefFrame(ref.data(), 640, 360, 640));
+  Result r{};
+  std::vector<int16_t> scratch(320 * 180);
+  EXPECT_EQ(0, md.processMEPerFrame(cur.data(), nullptr, nullptr, nullptr, scratch.data(), 640, &r));
+  return r;
+}
+
+TEST(BlockMotion, GlobalTranslationHasNoSubjectMotion) {
+  ASSERT_EQ(960, bigFrame().w);
+  const Result r = run(currentView(5, -3));
+  EXPECT_GT(r.numBlocks, 300);
+  EXPECT_NEAR(5.0f, r.globalDx, 0.5f);
+  EXPECT_NEAR(-3.0f, r.globalDy, 0.5f);
+  EXPECT_NEAR(std::hypot(5.0, 3.0), r.vecMagMean, 0.5);
+  EXPECT_LT(r.frmMotionScoreNorm, 0.03f);
+  EXPECT_LT(r.ctrFrmMotionScoreNorm, 0.03f);
+  EXPECT_LT(r.matchDiff, 2.0f);
+  EXPECT_EQ(0, r.numOpposing);
+}
+
+TEST(BlockMotion, MovingRegionRaisesSubjectScoreMostInTheCentre) {
+  const Result still = run(currentView(5, -3));
+  const Result side = run(currentView(5, -3, 100, 80, -10, 8));    // top-left region
+  const Result centre = run(currentView(5, -3, 320, 180, -10, 8)); // central region
+  EXPECT_NEAR(5.0f, side.globalDx, 0.5f);
+  EXPECT_NEAR(-3.0f, centre.globalDy, 0.5f);
+  EXPECT_GT(side.frmMotionScoreNorm, still.frmMotionScoreNorm + 0.02f);
+  EXPECT_GT(centre.frmMotionScoreNorm, still.frmMotionScoreNorm + 0.02f);
+  EXPECT_LT(side.ctrFrmMotionScoreNorm, 0.05f);
+  EXPECT_GT(centre.ctrFrmMotionScoreNorm, 0.2f);
+  EXPECT_GT(centre.ctrFrmMotionScoreNorm, centre.frmMotionScoreNorm);
+  EXPECT_GT(side.numOpposing + centre.numOpposing, 0);  // (-10, 8) opposes (5, -3)
+}
+
+TEST(BlockMotion, NoReferenceAndBadArguments) {
+  DexMotionDetection md(640, 360);
+  const Plane cur = currentView(0, 0);
+  Result r;
+  std::memset(&r, 0x5a, sizeof r);
+  EXPECT_EQ(0, md.processMEPerFrame(cur.data(), nullptr, nullptr, nullptr, nullptr, 640, &r));
+  EXPECT_EQ(0, r.numBlocks);
+  EXPECT_EQ(0.0f, r.frmMotionScoreNorm);
+  EXPECT_EQ(0.0f, r.globalDx);
+
+  EXPECT_EQ(-1, md.copyNewRefFrame(nullptr, 640, 360, 640));
+  EXPECT_EQ(-1, md.copyNewRefFrame(cur.data(), 0, 360, 640));
+  EXPECT_EQ(-1, md.copyNewRefFrame(cur.data(), 640, -1, 640));
+  EXPECT_EQ(-1, md.copyNewRefFrame(cur.data(), 641, 360, 641));  // larger than configured
+  ASSERT_EQ(0, md.copyNewRefFrame(cur.data(), 640, 360, 640));
+  std::memset(&r, 0x5a, sizeof r);
+  const Result before = r;
+  EXPECT_EQ(-1, md.processMEPerFrame(nullptr, nullptr, nullptr, nullptr, nullptr, 640, &r));
+  EXPECT_EQ(-1, md.processMEPerFrame(cur.data(), nullptr, nullptr, nullptr, nullptr, 320, &r));
+  EXPECT_EQ(-1, md.processMEPerFrame(cur.data(), nullptr, nullptr, nullptr, nullptr, 640, nullptr));
+  EXPECT_EQ(0, std::memcmp(&before, &r, sizeof r));
+}
+
+}  // namespace
+}  // namespace android
