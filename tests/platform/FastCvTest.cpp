@@ -1,0 +1,184 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "StderrCapture.h"
+#include "TestData.h"
+#include "fastcv.h"
+
+namespace {
+
+constexpr int kW = 1280;
+constexpr int kH = 720;
+
+// Straightforward area average: each target pixel is the mean of the source area it covers,
+// partly covered pixels weighted by the covered fraction. `step` is the distance between
+// samples of the channel (1 for a plane, 2 for one channel of interleaved pairs).
+std::vector<double> areaReference(const uint8_t* src, int sw, int sh, int stride, int step,
+                                  int dw, int dh) {
+  std::vector<double> out(static_cast<size_t>(dw) * dh);
+  for (int y = 0; y < dh; ++y) {
+    double y0 = double(y) * sh / dh, y1 = double(y + 1) * sh / dh;
+    for (int x = 0; x < dw; ++x) {
+      double x0 = double(x) * sw / dw, x1 = double(x + 1) * sw / dw;
+      double sum = 0, weight = 0;
+      for (int j = int(y0); j < int(std::ceil(y1)); ++j) {
+        double wy = std::min(y1, j + 1.0) - std::max(y0, double(j));
+        for (int i = int(x0); i < int(std::ceil(x1)); ++i) {
+          double wx = std::min(x1, i + 1.0) - std::max(x0, double(i));
+          sum += src[static_cast<size_t>(j) * stride + static_cast<size_t>(i) * step] * wx * wy;
+          weight += wx * wy;
+        }
+      }
+      out[static_cast<size_t>(y) * dw + x] = sum / weight;
+    }
+  }
+  return out;
+}
+
+// Largest difference between a reduced plane (or channel) and the reference.
+double maxDiff(const uint8_t* got, int dstStride, int step, const std::vector<double>& ref, int dw,
+               int dh) {
+  double worst = 0;
+  for (int y = 0; y < dh; ++y) {
+    for (int x = 0; x < dw; ++x) {
+      double d = std::fabs(got[static_cast<size_t>(y) * dstStride + static_cast<size_t>(x) * step] -
+                           ref[static_cast<size_t>(y) * dw + x]);
+      worst = std::max(worst, d);
+    }
+  }
+  return worst;
+}
+
+class PlatformFastCvReduceTest : public ::testing::TestWithParam<std::pair<int, int>> {
+ protected:
+  void SetUp() override {
+    frame = kovane_test::readNv21("cockatoo_f005_1280x720.nv21", kW, kH);
+    ASSERT_EQ(frame.size(), static_cast<size_t>(kW) * kH * 3 / 2);
+  }
+  std::vector<uint8_t> frame;
+};
+
+}  // namespace
+
+TEST(PlatformFastCvMemTest, AlignedAllocation) {
+  for (unsigned int align : {0u, 1u, 8u, 16u, 32u, 64u, 128u, 4096u}) {
+    void* p = fcvMemAlloc(1000, align);
+    ASSERT_NE(p, nullptr) << align;
+    uintptr_t need = align < 16 ? 16 : align;
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % need, 0u) << align;
+    memset(p, 0x11, 1000);
+    fcvMemFree(p);
+  }
+  EXPECT_EQ(fcvMemAlloc(0, 16), nullptr);
+  fcvMemFree(nullptr);
+}
+
+TEST_P(PlatformFastCvReduceTest, LumaMatchesAreaAverage) {
+  const int dw = GetParam().first, dh = GetParam().second;
+  std::vector<uint8_t> out(static_cast<size_t>(dw) * dh, 0);
+  fcvScaleDownMNu8(frame.data(), kW, kH, kW, out.data(), dw, dh, dw);
+  std::vector<double> ref = areaReference(frame.data(), kW, kH, kW, 1, dw, dh);
+  EXPECT_LE(maxDiff(out.data(), dw, 1, ref, dw, dh), 1.0);
+}
+
+TEST_P(PlatformFastCvReduceTest, ChromaPairsMatchAreaAverageChannelByChannel) {
+  // The NV21 chroma plane: 640x360 interleaved V,U pairs.
+  const uint8_t* vu = frame.data() + static_cast<size_t>(kW) * kH;
+  const int sw = kW / 2, sh = kH / 2;
+  const int dw = GetParam().first / 2, dh = GetParam().second / 2;
+  std::vector<uint8_t> out(static_cast<size_t>(dw) * dh * 2, 0);
+  fcvScaleDownMNInterleaveu8(vu, sw, sh, sw * 2, out.data(), dw, dh, dw * 2);
+  std::vector<double> refV = areaReference(vu, sw, sh, sw * 2, 2, dw, dh);
+  std::vector<double> refU = areaReference(vu + 1, sw, sh, sw * 2, 2, dw, dh);
+  EXPECT_LE(maxDiff(out.data(), dw * 2, 2, refV, dw, dh), 1.0) << "first channel";
+  EXPECT_LE(maxDiff(out.data() + 1, dw * 2, 2, refU, dw, dh), 1.0) << "second channel";
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, PlatformFastCvReduceTest,
+                         ::testing::Values(std::make_pair(640, 360), std::make_pair(500, 300),
+                                           std::make_pair(320, 180), std::make_pair(1000, 600),
+                                           std::make_pair(426, 240), std::make_pair(1280, 720),
+                                           std::make_pair(64, 36), std::make_pair(1280, 360)),
+                         [](const ::testing::TestParamInfo<std::pair<int, int>>& info) {
+                           return std::to_string(info.param.first) + "x" +
+                                  std::to_string(info.param.second);
+                         });
+
+TEST(PlatformFastCvTest, StridesAreHonouredAndPaddingLeftAlone) {
+  // A 37x23 source inside rows of 48 bytes, reduced into rows of 20 bytes.
+  const int sw = 37, sh = 23, sstride = 48, dw = 15, dh = 9, dstride = 20;
+  std::vector<uint8_t> src(static_cast<size_t>(sstride) * sh, 255);  // padding is white
+  for (int y = 0; y < sh; ++y)
+    for (int x = 0; x < sw; ++x) src[y * sstride + x] = static_cast<uint8_t>((x * 7 + y * 13) % 200);
+  std::vector<uint8_t> dst(static_cast<size_t>(dstride) * dh, 0xEE);
+  fcvScaleDownMNu8(src.data(), sw, sh, sstride, dst.data(), dw, dh, dstride);
+  std::vector<double> ref = areaReference(src.data(), sw, sh, sstride, 1, dw, dh);
+  EXPECT_LE(maxDiff(dst.data(), dstride, 1, ref, dw, dh), 1.0);
+  for (int y = 0; y < dh; ++y)
+    for (int x = dw; x < dstride; ++x) EXPECT_EQ(dst[y * dstride + x], 0xEE);
+}
+
+TEST(PlatformFastCvTest, InterleavedChannelsStayInPlace) {
+  // Flat channels of very different values: any swap or mixing shows at once.
+  const int sw = 30, sh = 20, dw = 7, dh = 6, dstride = 7 * 2 + 4;
+  std::vector<uint8_t> src(sw * sh * 2);
+  for (size_t i = 0; i < src.size(); i += 2) {
+    src[i] = 200;
+    src[i + 1] = 30;
+  }
+  std::vector<uint8_t> dst(static_cast<size_t>(dstride) * dh, 0xEE);
+  fcvScaleDownMNInterleaveu8(src.data(), sw, sh, sw * 2, dst.data(), dw, dh, dstride);
+  for (int y = 0; y < dh; ++y) {
+    for (int x = 0; x < dw; ++x) {
+      EXPECT_EQ(dst[y * dstride + 2 * x], 200);
+      EXPECT_EQ(dst[y * dstride + 2 * x + 1], 30);
+    }
+    for (int x = dw * 2; x < dstride; ++x) EXPECT_EQ(dst[y * dstride + x], 0xEE);
+  }
+  // The same through the libyuv path (exact halving).
+  std::vector<uint8_t> half(15 * 10 * 2, 0);
+  fcvScaleDownMNInterleaveu8(src.data(), sw, sh, sw * 2, half.data(), 15, 10, 30);
+  for (size_t i = 0; i < half.size(); i += 2) {
+    ASSERT_EQ(half[i], 200);
+    ASSERT_EQ(half[i + 1], 30);
+  }
+}
+
+TEST(PlatformFastCvTest, BadArgumentsLogAndLeaveTheTargetAlone) {
+  std::vector<uint8_t> src(64 * 64, 100);
+  std::vector<uint8_t> dst(64 * 64 * 2, 0xEE);
+  struct Case {
+    const char* what;
+    const uint8_t* src;
+    unsigned int sw, sh, ss;
+    uint8_t* dst;
+    unsigned int dw, dh, ds;
+  };
+  const Case cases[] = {
+      {"null source", nullptr, 64, 64, 64, dst.data(), 32, 32, 32},
+      {"null target", src.data(), 64, 64, 64, nullptr, 32, 32, 32},
+      {"zero source", src.data(), 0, 64, 64, dst.data(), 32, 32, 32},
+      {"zero target", src.data(), 64, 64, 64, dst.data(), 32, 0, 32},
+      {"wider target", src.data(), 32, 32, 64, dst.data(), 34, 16, 68},
+      {"taller target", src.data(), 32, 32, 32, dst.data(), 16, 33, 16},
+  };
+  for (const Case& c : cases) {
+    for (int interleaved = 0; interleaved < 2; ++interleaved) {
+      kovane_test::StderrCapture capture;
+      if (interleaved) {
+        fcvScaleDownMNInterleaveu8(c.src, c.sw / 2, c.sh, c.ss, c.dst, c.dw / 2, c.dh, c.ds);
+      } else {
+        fcvScaleDownMNu8(c.src, c.sw, c.sh, c.ss, c.dst, c.dw, c.dh, c.ds);
+      }
+      std::string log = capture.finish();
+      EXPECT_NE(log.find("fastcv"), std::string::npos) << c.what << ": " << log;
+      EXPECT_NE(log.find(" E "), std::string::npos) << c.what << " logs at error priority: " << log;
+      for (uint8_t b : dst) ASSERT_EQ(b, 0xEE) << c.what;
+    }
+  }
+}

@@ -1,0 +1,85 @@
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+#include <time.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <thread>
+
+#include "pthread_np.h"
+
+namespace {
+
+int64_t monotonicNs() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return int64_t{ts.tv_sec} * 1000000000 + ts.tv_nsec;
+}
+
+struct Waitable {
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t cond = PTHREAD_COND_INITIALIZER;  // default attributes: realtime clock
+  bool flag = false;
+  ~Waitable() {
+    pthread_cond_destroy(&cond);
+    pthread_mutex_destroy(&mutex);
+  }
+};
+
+}  // namespace
+
+TEST(PlatformPthreadNpTest, TimesOutAfterTheRelativeTime) {
+  Waitable w;
+  const struct timespec rel = {0, 30 * 1000 * 1000};  // 30 ms
+  pthread_mutex_lock(&w.mutex);
+  int64_t start = monotonicNs();
+  int rc = 0;
+  // Spurious wake-ups return 0; a timeout must come eventually and not before the time.
+  for (int i = 0; i < 100 && rc == 0; ++i) rc = pthread_cond_timedwait_relative_np(&w.cond, &w.mutex, &rel);
+  int64_t elapsed = monotonicNs() - start;
+  pthread_mutex_unlock(&w.mutex);
+  EXPECT_EQ(rc, ETIMEDOUT);
+  EXPECT_GE(elapsed, 30 * 1000 * 1000);
+  EXPECT_LT(elapsed, int64_t{5} * 1000 * 1000 * 1000);
+}
+
+TEST(PlatformPthreadNpTest, ZeroTimeTimesOutAtOnce) {
+  Waitable w;
+  const struct timespec zero = {0, 0};
+  pthread_mutex_lock(&w.mutex);
+  EXPECT_EQ(pthread_cond_timedwait_relative_np(&w.cond, &w.mutex, &zero), ETIMEDOUT);
+  pthread_mutex_unlock(&w.mutex);
+}
+
+TEST(PlatformPthreadNpTest, WokenBySignalBeforeTheTimeout) {
+  Waitable w;
+  std::thread signaller([&w] {
+    pthread_mutex_lock(&w.mutex);
+    w.flag = true;
+    pthread_cond_signal(&w.cond);
+    pthread_mutex_unlock(&w.mutex);
+  });
+  const struct timespec rel = {20, 0};
+  int64_t start = monotonicNs();
+  pthread_mutex_lock(&w.mutex);
+  int rc = 0;
+  while (!w.flag && rc == 0) rc = pthread_cond_timedwait_relative_np(&w.cond, &w.mutex, &rel);
+  bool flag = w.flag;
+  pthread_mutex_unlock(&w.mutex);
+  int64_t elapsed = monotonicNs() - start;
+  signaller.join();
+  EXPECT_EQ(rc, 0);
+  EXPECT_TRUE(flag);
+  EXPECT_LT(elapsed, int64_t{10} * 1000 * 1000 * 1000) << "woken by the signal, not the timeout";
+}
+
+TEST(PlatformPthreadNpTest, RejectsMalformedTime) {
+  Waitable w;
+  pthread_mutex_lock(&w.mutex);
+  const struct timespec badNs = {0, 1000000000L};
+  const struct timespec negative = {-1, 0};
+  EXPECT_EQ(pthread_cond_timedwait_relative_np(&w.cond, &w.mutex, &badNs), EINVAL);
+  EXPECT_EQ(pthread_cond_timedwait_relative_np(&w.cond, &w.mutex, &negative), EINVAL);
+  pthread_mutex_unlock(&w.mutex);
+}

@@ -1,0 +1,185 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "HostSensorFeed.h"
+#include "SensorManager.h"
+
+using android::HostSensorFeed;
+using android::Sensor;
+using android::SensorEventQueue;
+using android::SensorManager;
+using android::sp;
+
+namespace {
+
+class PlatformSensorTest : public ::testing::Test {
+ protected:
+  void SetUp() override { HostSensorFeed::reset(); }
+  void TearDown() override { HostSensorFeed::reset(); }
+  SensorManager& sm = SensorManager::getInstance();
+};
+
+std::vector<ASensorEvent> readAll(const sp<SensorEventQueue>& q) {
+  std::vector<ASensorEvent> out;
+  ASensorEvent buf[7];
+  ssize_t n;
+  while ((n = q->read(buf, 7)) > 0) out.insert(out.end(), buf, buf + n);
+  EXPECT_EQ(n, 0);
+  return out;
+}
+
+}  // namespace
+
+TEST_F(PlatformSensorTest, SingletonIsTheSameEverywhere) {
+  SensorManager* fromThread = nullptr;
+  std::thread th([&] { fromThread = &SensorManager::getInstance(); });
+  th.join();
+  EXPECT_EQ(fromThread, &sm);
+}
+
+TEST_F(PlatformSensorTest, NoSensorsByDefault) {
+  Sensor const* const* list = reinterpret_cast<Sensor const* const*>(1);
+  EXPECT_EQ(sm.getSensorList(&list), 0);
+  EXPECT_EQ(sm.getDefaultSensor(ASENSOR_TYPE_ACCELEROMETER), nullptr);
+  sp<SensorEventQueue> q = sm.createEventQueue();
+  ASSERT_NE(q, nullptr);
+  ASensorEvent ev;
+  EXPECT_EQ(q->read(&ev, 1), 0);
+}
+
+TEST_F(PlatformSensorTest, ListsTheDeclaredSensors) {
+  HostSensorFeed::setSensors({ASENSOR_TYPE_ACCELEROMETER, ASENSOR_TYPE_GYROSCOPE});
+  Sensor const* const* list = nullptr;
+  ASSERT_EQ(sm.getSensorList(&list), 2);
+  ASSERT_NE(list, nullptr);
+  EXPECT_EQ(list[0]->getType(), ASENSOR_TYPE_ACCELEROMETER);
+  EXPECT_EQ(list[1]->getType(), ASENSOR_TYPE_GYROSCOPE);
+  EXPECT_NE(list[0]->getHandle(), list[1]->getHandle());
+  EXPECT_NE(list[0]->getName(), nullptr);
+  EXPECT_EQ(sm.getDefaultSensor(ASENSOR_TYPE_ACCELEROMETER), list[0]);
+  EXPECT_EQ(sm.getDefaultSensor(ASENSOR_TYPE_GYROSCOPE), list[1]);
+  EXPECT_EQ(sm.getDefaultSensor(ASENSOR_TYPE_MAGNETIC_FIELD), nullptr);
+
+  HostSensorFeed::setSensors({ASENSOR_TYPE_MAGNETIC_FIELD});
+  EXPECT_EQ(sm.getSensorList(&list), 1);
+  EXPECT_EQ(sm.getDefaultSensor(ASENSOR_TYPE_ACCELEROMETER), nullptr);
+  EXPECT_NE(sm.getDefaultSensor(ASENSOR_TYPE_MAGNETIC_FIELD), nullptr);
+  HostSensorFeed::reset();
+  EXPECT_EQ(sm.getSensorList(&list), 0);
+}
+
+TEST_F(PlatformSensorTest, NullSensorIsBadValue) {
+  sp<SensorEventQueue> q = sm.createEventQueue();
+  EXPECT_EQ(q->enableSensor(nullptr), android::BAD_VALUE);
+  EXPECT_EQ(q->setEventRate(nullptr, 1000000), android::BAD_VALUE);
+  EXPECT_EQ(q->disableSensor(nullptr), android::BAD_VALUE);
+}
+
+TEST_F(PlatformSensorTest, InjectedEventsReachOnlyQueuesWithTheTypeEnabled) {
+  HostSensorFeed::setSensors({ASENSOR_TYPE_ACCELEROMETER, ASENSOR_TYPE_GYROSCOPE});
+  Sensor const* acc = sm.getDefaultSensor(ASENSOR_TYPE_ACCELEROMETER);
+  Sensor const* gyro = sm.getDefaultSensor(ASENSOR_TYPE_GYROSCOPE);
+  sp<SensorEventQueue> accQ = sm.createEventQueue();
+  sp<SensorEventQueue> gyroQ = sm.createEventQueue();
+  sp<SensorEventQueue> bothQ = sm.createEventQueue();
+  sp<SensorEventQueue> noneQ = sm.createEventQueue();
+  ASSERT_EQ(accQ->enableSensor(acc), android::OK);
+  ASSERT_EQ(accQ->setEventRate(acc, 10000000), android::OK);
+  ASSERT_EQ(gyroQ->enableSensor(gyro), android::OK);
+  ASSERT_EQ(bothQ->enableSensor(acc), android::OK);
+  ASSERT_EQ(bothQ->enableSensor(gyro), android::OK);
+
+  HostSensorFeed::inject(ASENSOR_TYPE_ACCELEROMETER, 100, 1.f, 2.f, 3.f);
+  HostSensorFeed::inject(ASENSOR_TYPE_GYROSCOPE, 200, 4.f, 5.f, 6.f);
+  HostSensorFeed::inject(ASENSOR_TYPE_MAGNETIC_FIELD, 300, 0.f, 0.f, 0.f);
+
+  std::vector<ASensorEvent> a = readAll(accQ);
+  ASSERT_EQ(a.size(), 1u);
+  EXPECT_EQ(a[0].type, ASENSOR_TYPE_ACCELEROMETER);
+  EXPECT_EQ(a[0].timestamp, 100);
+  EXPECT_EQ(a[0].data[0], 1.f);
+  EXPECT_EQ(a[0].data[1], 2.f);
+  EXPECT_EQ(a[0].data[2], 3.f);
+  EXPECT_EQ(a[0].version, static_cast<int32_t>(sizeof(ASensorEvent)));
+  EXPECT_EQ(a[0].sensor, acc->getHandle());
+
+  std::vector<ASensorEvent> g = readAll(gyroQ);
+  ASSERT_EQ(g.size(), 1u);
+  EXPECT_EQ(g[0].type, ASENSOR_TYPE_GYROSCOPE);
+  EXPECT_EQ(g[0].data[2], 6.f);
+
+  std::vector<ASensorEvent> b = readAll(bothQ);
+  ASSERT_EQ(b.size(), 2u);
+  EXPECT_EQ(b[0].timestamp, 100);  // in injection order
+  EXPECT_EQ(b[1].timestamp, 200);
+  EXPECT_TRUE(readAll(noneQ).empty());
+
+  // Disabling stops delivery to that queue only.
+  ASSERT_EQ(bothQ->disableSensor(acc), android::OK);
+  HostSensorFeed::inject(ASENSOR_TYPE_ACCELEROMETER, 400, 0.f, 0.f, 0.f);
+  EXPECT_TRUE(readAll(bothQ).empty());
+  EXPECT_EQ(readAll(accQ).size(), 1u);
+}
+
+TEST_F(PlatformSensorTest, ReadTakesAtMostTheRequestedCount) {
+  HostSensorFeed::setSensors({ASENSOR_TYPE_ACCELEROMETER});
+  sp<SensorEventQueue> q = sm.createEventQueue();
+  q->enableSensor(sm.getDefaultSensor(ASENSOR_TYPE_ACCELEROMETER));
+  for (int i = 0; i < 5; ++i) HostSensorFeed::inject(ASENSOR_TYPE_ACCELEROMETER, i, 0.f, 0.f, 0.f);
+  ASensorEvent ev[3];
+  ASSERT_EQ(q->read(ev, 3), 3);
+  EXPECT_EQ(ev[2].timestamp, 2);
+  ASSERT_EQ(q->read(ev, 3), 2);
+  EXPECT_EQ(ev[0].timestamp, 3);
+  EXPECT_EQ(q->read(ev, 3), 0);
+  EXPECT_EQ(q->read(ev, 0), 0);
+}
+
+TEST_F(PlatformSensorTest, FullQueueDropsTheOldestEvents) {
+  HostSensorFeed::setSensors({ASENSOR_TYPE_GYROSCOPE});
+  sp<SensorEventQueue> q = sm.createEventQueue();
+  q->enableSensor(sm.getDefaultSensor(ASENSOR_TYPE_GYROSCOPE));
+  for (int i = 0; i < 300; ++i) HostSensorFeed::inject(ASENSOR_TYPE_GYROSCOPE, i, 0.f, 0.f, 0.f);
+  std::vector<ASensorEvent> got = readAll(q);
+  ASSERT_EQ(got.size(), 256u);
+  EXPECT_EQ(got.front().timestamp, 300 - 256);
+  EXPECT_EQ(got.back().timestamp, 299);
+}
+
+TEST_F(PlatformSensorTest, ResetDropsQueuedEvents) {
+  HostSensorFeed::setSensors({ASENSOR_TYPE_ACCELEROMETER});
+  sp<SensorEventQueue> q = sm.createEventQueue();
+  q->enableSensor(sm.getDefaultSensor(ASENSOR_TYPE_ACCELEROMETER));
+  HostSensorFeed::inject(ASENSOR_TYPE_ACCELEROMETER, 1, 0.f, 0.f, 0.f);
+  HostSensorFeed::reset();
+  ASensorEvent ev;
+  EXPECT_EQ(q->read(&ev, 1), 0);
+  EXPECT_EQ(sm.getDefaultSensor(ASENSOR_TYPE_ACCELEROMETER), nullptr);
+}
+
+TEST_F(PlatformSensorTest, InjectionRacesWithQueuesComingAndGoing) {
+  HostSensorFeed::setSensors({ASENSOR_TYPE_ACCELEROMETER});
+  Sensor const* acc = sm.getDefaultSensor(ASENSOR_TYPE_ACCELEROMETER);
+  std::atomic<bool> go{true};
+  std::thread injector([&] {
+    int64_t t = 0;
+    while (go) HostSensorFeed::inject(ASENSOR_TYPE_ACCELEROMETER, t++, 0.f, 0.f, 0.f);
+  });
+  int64_t seen = 0;
+  for (int i = 0; i < 200; ++i) {
+    sp<SensorEventQueue> q = sm.createEventQueue();
+    q->enableSensor(acc);
+    ASensorEvent ev[16];
+    ssize_t n = q->read(ev, 16);
+    ASSERT_GE(n, 0);
+    // Within one queue timestamps only grow.
+    for (ssize_t k = 1; k < n; ++k) EXPECT_GT(ev[k].timestamp, ev[k - 1].timestamp);
+    seen += n;
+  }
+  go = false;
+  injector.join();
+  SUCCEED() << seen << " events seen";
+}
