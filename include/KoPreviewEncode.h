@@ -1,0 +1,145 @@
+#pragma once
+// Preview encoder front: keeps copies of the recent preview frames so that a short clip around
+// a capture can be cut from them later, and reports the outcome of a clip's encoding back to
+// its owner.
+//
+// Frames are planar 4:2:0 images (luma width x height, then the U and the V plane of
+// width/2 x height/2, all rows packed), as the foreground hands them over for every kept
+// preview frame (typically 640x360 or 640x480).
+//
+// Rolling buffer bounds, oldest frame dropped first:
+//  - time: the newest frame's stamp minus the oldest frame's stamp never exceeds kMaxSpanUs
+//    (4 seconds);
+//  - memory: all image memory the encoder holds, buffered frames and free buffers kept for
+//    reuse together, never exceeds kMaxMemoryBytes (32 MiB). At 640x360 (345600 bytes a frame)
+//    that is 97 frames, about 3.2 s at 30 fps; at 640x480, 72 frames.
+// Frame buffers are reused: once the buffer is warm, adding a frame of the same size allocates
+// nothing. At most kMaxPooledBuffers free buffers are kept; flush() and startRecording() give
+// all memory back.
+//
+// Time stamps: a frame whose stamp equals the newest buffered stamp is kept after it (a camera
+// can repeat a stamp; order is that of arrival). A frame stamped earlier than the newest is
+// dropped with a warning, unless it is earlier by more than kMaxSpanUs: then the clock has
+// been restarted, the buffered frames are dropped and the frame starts a new buffer.
+//
+// Recording: while the host records its own video (between startRecording() and
+// stopRecording()) no preview frames are kept; startRecording() drops what is buffered.
+// An encoder built with videoEnable false keeps no frames at all: clips are not allowed.
+//
+// All operations are thread-safe (one internal mutex): the camera's thread starts and stops
+// recording and flushes while the foreground thread adds frames.
+#include <utils/Errors.h>
+#include <utils/RefBase.h>
+#include <utils/StrongPointer.h>
+#include <utils/Vector.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <vector>
+
+namespace android {
+
+class KoPreviewEncode {
+ public:
+  static constexpr int64_t kMaxSpanUs = 4000000;
+  static constexpr size_t kMaxMemoryBytes = 32u * 1024u * 1024u;
+  static constexpr size_t kMaxPooledBuffers = 4;
+  // Largest accepted side of a frame.
+  static constexpr int kMaxSide = 4096;
+
+  // Completion of a clip's encoding: job id and whether the clip was saved.
+  using CompleteFn = std::function<void(int jobId, bool saved)>;
+
+  // Binds `owner` and its static completion callback; the encoder holds the owner strongly
+  // until it is deleted and passes it back as the callback's first argument. A null owner or
+  // callback binds nothing.
+  template <typename Owner>
+  KoPreviewEncode(const sp<Owner>& owner, void (*completeCb)(sp<Owner>&, int jobId, bool saved),
+                  bool videoEnable, bool auxEnable)
+      : KoPreviewEncode(videoEnable, auxEnable) {
+    if (owner != nullptr && completeCb != nullptr) {
+      mComplete = [owner, completeCb](int jobId, bool saved) {
+        sp<Owner> o = owner;
+        completeCb(o, jobId, saved);
+      };
+    }
+  }
+
+  // An encoder without owner: completions are logged and go nowhere.
+  KoPreviewEncode(bool videoEnable, bool auxEnable);
+  ~KoPreviewEncode();
+
+  KoPreviewEncode(const KoPreviewEncode&) = delete;
+  KoPreviewEncode& operator=(const KoPreviewEncode&) = delete;
+
+  // Copies one planar 4:2:0 frame into the rolling buffer. Null data, non-positive, odd or
+  // oversized dimensions are logged at error priority and ignored.
+  void addFrame(uint8_t* data, int width, int height, int64_t timestampUs);
+
+  // The host starts recording: buffered frames are dropped and none is kept until
+  // stopRecording().
+  void startRecording();
+  void stopRecording();
+  // Drops every buffered frame and gives the image memory back.
+  void flush();
+
+  // Read access for cutting a clip.
+  size_t frameCount() const;
+  // Stamps of the oldest and of the newest buffered frame; -1 when the buffer is empty.
+  int64_t oldestTimestampUs() const;
+  int64_t newestTimestampUs() const;
+  // Stamps of all buffered frames, oldest first (replaces the vector's contents); false when
+  // the buffer is empty.
+  bool getFrameTimes(Vector<int64_t>& times) const;
+  // Copies the oldest buffered frame stamped at or after `fromUs` into `dst` (width*height*3/2
+  // bytes, same layout as added) and reports its size and stamp. Returns OK; NAME_NOT_FOUND
+  // when there is no such frame; BAD_VALUE for a null `dst` or one smaller than the frame (the
+  // size and stamp are still reported, so the caller can grow its buffer and ask again).
+  // To walk a range, ask again from the reported stamp + 1.
+  status_t copyFrame(int64_t fromUs, uint8_t* dst, size_t dstBytes, int& width, int& height,
+                     int64_t& timestampUs) const;
+  // Image memory held: buffered frames plus free buffers kept for reuse.
+  size_t memoryBytes() const;
+
+  bool isRecording() const;
+  bool videoEnabled() const { return mVideoEnable; }
+  // The auxiliary flag of the configuration, kept for the clip writer; it does not change
+  // how frames are buffered.
+  bool auxEnabled() const { return mAuxEnable; }
+
+  // Reports the end of a clip's encoding to the bound owner (called on the encoding thread;
+  // never with the internal mutex held). Without a bound owner it only logs.
+  void notifyEncodeComplete(int jobId, bool saved);
+
+ private:
+  struct Slot {
+    uint8_t* data = nullptr;
+    size_t capacity = 0;
+    size_t bytes = 0;
+    int width = 0;
+    int height = 0;
+    int64_t timestampUs = 0;
+  };
+
+  // All with mLock held.
+  void dropAllFramesLocked();
+  void releaseAllLocked();
+  void evictOldestLocked();
+  bool acquireSlotLocked(size_t bytes, Slot& out);
+  void recycleLocked(Slot& slot);
+
+  const bool mVideoEnable;
+  const bool mAuxEnable;
+  CompleteFn mComplete;  // set at construction only
+
+  mutable std::mutex mLock;
+  bool mRecording = false;
+  std::deque<Slot> mFrames;  // oldest first
+  std::vector<Slot> mPool;   // free buffers
+  size_t mAllocatedBytes = 0;
+};
+
+}  // namespace android
