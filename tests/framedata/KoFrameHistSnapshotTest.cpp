@@ -2,6 +2,7 @@
 // ZSL buffer may go on another thread and still hands the buffer back exactly once.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <thread>
 
 #include "FrameTestSupport.h"
@@ -145,4 +146,33 @@ TEST(KoFrameHistSnapshot, LastReferenceAnywhereReturnsTheBufferOnce) {
   std::thread([snapB] { delete snapB; }).join();
   EXPECT_EQ(engine.timesReturned(zslAddress(6)), 1u);
   EXPECT_EQ(engine.returned().size(), 2u);
+}
+
+TEST(KoFrameHistSnapshot, TemporalStatisticsOverItsFramesSkipFramesWithout) {
+  KoFrameHist hist;
+  const float lumaMeans[] = {100.f, 110.f, 0.f, 120.f};
+  for (uint32_t i = 0; i < 4; ++i) {
+    sp<KoFrameData> f = makeFrame(i + 1, i * 33333);
+    f->mLumaStats.mean = lumaMeans[i];
+    f->mDiffStats.mean = 2.f * static_cast<float>(i);
+    f->mSobelStats.mean = 7.f;
+    if (i != 2) f->setProcessedEvents(KoFrameData::EVENT_STATS);  // frame 3 has none
+    hist.addFrameData(f);
+  }
+  KoFrameHistSnapshot snap(&hist);
+  KO_dataStats_t luma = {}, diff = {}, sobel = {};
+  EXPECT_EQ(DexFrameMetaData::KoCalcMeanStddevMinMeanQueue(&snap, &luma, 4, 0, 0), 0);
+  EXPECT_EQ(DexFrameMetaData::KoCalcMeanStddevMinMeanQueue(&snap, &diff, 4, 1, 0), 0);
+  EXPECT_EQ(DexFrameMetaData::KoCalcMeanStddevMinMeanQueue(&snap, &sobel, 4, 2, 0), 0);
+  EXPECT_FLOAT_EQ(luma.mean, 110.f);
+  EXPECT_NEAR(luma.stddev, std::sqrt(200.f / 3.f), 1e-3);
+  EXPECT_FLOAT_EQ(luma.stddevCopy, luma.stddev);
+  EXPECT_FLOAT_EQ(luma.min, 100.f);
+  EXPECT_FLOAT_EQ(luma.max, 120.f);
+  EXPECT_FLOAT_EQ(diff.mean, (0.f + 2.f + 6.f) / 3.f);
+  EXPECT_FLOAT_EQ(sobel.stddev, 0.f);
+
+  KoFrameHist empty;
+  KoFrameHistSnapshot none(&empty);
+  EXPECT_EQ(DexFrameMetaData::KoCalcMeanStddevMinMeanQueue(&none, &luma, 1, 0, 0), -1);
 }

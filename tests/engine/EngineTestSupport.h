@@ -1,0 +1,204 @@
+#pragma once
+// A simulated camera for engine tests: it owns a pool of ZSL buffers, produces 1920x1080 NV21
+// preview frames of a real photograph (shifted a little from frame to frame), and keeps the
+// books of every callback the engine makes, so that a test can tell whether each borrowed ZSL
+// buffer came back exactly once.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "KoEngine.h"
+#include "KoEngineFg.h"
+#include "KoFrameHist.h"
+#include "TestData.h"
+#include "TestWait.h"
+
+namespace kovane_test {
+
+class SimulatedCamera {
+ public:
+  static constexpr int kWidth = 1920;
+  static constexpr int kHeight = 1080;
+  static constexpr int64_t kFrameUs = 33333;
+  static constexpr int kZslBuffers = 12;
+
+  SimulatedCamera() {
+    mPicture = readNv21("solvay_1920x1080.nv21", kWidth, kHeight);
+    mFrame.resize(mPicture.size());
+    mZslPool.resize(kZslBuffers);
+    for (int i = 0; i < kZslBuffers; ++i) mFree.insert(&mZslPool[i]);
+    mPlanes.numPlanes = 2;
+    mPlanes.mp[0] = {kWidth * kHeight, 0, kWidth, kHeight};
+    mPlanes.mp[1] = {kWidth * kHeight / 2, 0, kWidth, kHeight / 2};
+    mPlanes.frameLen = static_cast<uint32_t>(mPicture.size());
+  }
+
+  bool ready() const { return !mPicture.empty(); }
+
+  // Registers the camera's callbacks on an engine.
+  void attach(android::KoEngine* engine) {
+    EXPECT_EQ(engine->registerFrameDoneCallBack(&SimulatedCamera::onFrameDone), 0);
+    EXPECT_EQ(engine->registerKoEngineDoneCallBack(&SimulatedCamera::onEngineDone), 0);
+    EXPECT_EQ(engine->registerStatisticsCallBack(&SimulatedCamera::onStatistics), 0);
+    EXPECT_EQ(engine->registerBestShotDoneCallBack(&SimulatedCamera::onBestShotDone), 0);
+  }
+
+  // The preview record of frame `id`: the picture shifted right by id % 4 pixels.
+  android::KO_PreviewFrameData_t preview(uint32_t id) {
+    const int shift = static_cast<int>(id % 4);
+    for (int y = 0; y < kHeight; ++y) {
+      uint8_t* row = &mFrame[static_cast<size_t>(y) * kWidth];
+      const uint8_t* src = &mPicture[static_cast<size_t>(y) * kWidth];
+      memcpy(row + shift, src, kWidth - shift);
+      memcpy(row, src + kWidth - shift, shift);
+    }
+    memcpy(&mFrame[kWidth * kHeight], &mPicture[kWidth * kHeight], kWidth * kHeight / 2);
+    android::KO_PreviewFrameData_t p = {};
+    p.timeStamp = timestampOf(id);
+    p.frameId = id;
+    p.streamType = android::KO_STREAM_TYPE_PREVIEW;
+    p.width = kWidth;
+    p.height = kHeight;
+    p.data = mFrame.data();
+    p.colorFormat = android::KO_COLOR_FORMAT_NV21;
+    p.planes = &mPlanes;
+    p.orientation = 0;
+    return p;
+  }
+  static int64_t timestampOf(uint32_t id) { return 1000000 + static_cast<int64_t>(id) * kFrameUs; }
+
+  // A face record with one face for frame `id`.
+  static android::KO_cam_face_detection_data_t face(uint32_t id) {
+    android::KO_cam_face_detection_data_t f = {};
+    f.frameId = id;
+    f.numFaces = 1;
+    f.faces[0].score = 90;
+    f.faces[0].left = 800;
+    f.faces[0].top = 400;
+    f.faces[0].width = 120;
+    f.faces[0].height = 120;
+    f.faces[0].smileDegree = 40;
+    return f;
+  }
+
+  // Metadata of frame `id`; the raw bytes live in the camera.
+  android::KO_MetaFrameData_t meta(uint32_t id) {
+    android::KO_MetaFrameData_t m = {};
+    m.frameId = id;
+    m.data = mMetaBytes;
+    m.size = sizeof(mMetaBytes);
+    m.camMeta = {static_cast<int32_t>(200 + id), 1, 2, 3.5f, 0.02f};
+    return m;
+  }
+
+  // Lends a ZSL buffer for frame `id`; false when all are out.
+  bool lendZsl(uint32_t id, android::KO_ZslFrameData_t* out) {
+    std::lock_guard<std::mutex> lock(mLock);
+    if (mFree.empty()) return false;
+    uint8_t* b = *mFree.begin();
+    mFree.erase(mFree.begin());
+    mOut.insert(b);
+    out->buffer = b;
+    out->frameId = id;
+    return true;
+  }
+
+  size_t zslOut() {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mOut.size();
+  }
+  bool isOut(void* buffer) {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mOut.count(static_cast<uint8_t*>(buffer)) != 0;
+  }
+  int doubleReturns() {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mDoubleReturns;
+  }
+  std::vector<int> engineDone() {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mEngineDone;
+  }
+  std::vector<std::vector<uint8_t>> statistics() {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mStatistics;
+  }
+
+  // A slow consumer: callbacks of this kind block while set.
+  std::atomic<int> mStatisticsDelayMs{0};
+
+ private:
+  static SimulatedCamera* self(void* cookie) { return static_cast<SimulatedCamera*>(cookie); }
+  static void onFrameDone(void* cookie, void* buffer) {
+    SimulatedCamera* cam = self(cookie);
+    std::lock_guard<std::mutex> lock(cam->mLock);
+    uint8_t* b = static_cast<uint8_t*>(buffer);
+    if (cam->mOut.erase(b) == 0) {
+      cam->mDoubleReturns++;
+      return;
+    }
+    cam->mFree.insert(b);
+  }
+  static void onEngineDone(void* cookie, int jobId) {
+    SimulatedCamera* cam = self(cookie);
+    std::lock_guard<std::mutex> lock(cam->mLock);
+    cam->mEngineDone.push_back(jobId);
+  }
+  static void onStatistics(void* cookie, int /*jobId*/, android::KO_statistics_cb_t* stats) {
+    SimulatedCamera* cam = self(cookie);
+    if (int delay = cam->mStatisticsDelayMs.load()) std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+    std::lock_guard<std::mutex> lock(cam->mLock);
+    const uint8_t* data = static_cast<const uint8_t*>(stats->data);
+    cam->mStatistics.emplace_back(data, data + stats->size);
+  }
+  static void onBestShotDone(void* cookie, int jobId, android::KO_bestShotDone_cb_t* /*result*/) {
+    SimulatedCamera* cam = self(cookie);
+    std::lock_guard<std::mutex> lock(cam->mLock);
+    cam->mBestShotDone.push_back(jobId);
+  }
+
+  std::vector<uint8_t> mPicture;
+  std::vector<uint8_t> mFrame;
+  android::KO_cam_frame_len_offset_t mPlanes = {};
+  uint8_t mMetaBytes[64] = {1, 2, 3, 4};
+  std::vector<uint8_t> mZslPool;
+  std::mutex mLock;
+  std::set<uint8_t*> mFree;
+  std::set<uint8_t*> mOut;
+  int mDoubleReturns = 0;
+  std::vector<int> mEngineDone;
+  std::vector<int> mBestShotDone;
+  std::vector<std::vector<uint8_t>> mStatistics;
+};
+
+// Runs `fn` with the foreground handler's lock held, so that the test reads the handler's state
+// between two messages.
+template <typename Fn>
+auto withForeground(android::KoEngine* engine, Fn fn) -> decltype(fn(engine->mFg.get())) {
+  pthread_mutex_lock(&engine->mFg->mLock);
+  auto result = fn(engine->mFg.get());
+  pthread_mutex_unlock(&engine->mFg->mLock);
+  return result;
+}
+
+// Waits until the history holds a frame with that id carrying all of `events`.
+inline bool waitForFrame(android::KoEngine* engine, uint32_t id, uint32_t events = 0, int timeoutMs = 20000) {
+  return waitUntil(
+      [&] {
+        return withForeground(engine, [id, events](android::KoEngineFg* fg) {
+          android::sp<android::KoFrameData> f;
+          fg->mFrameHist->getItemWithFrameId(id, f);
+          return f != nullptr && f->hasEvents(events);
+        });
+      },
+      timeoutMs);
+}
+
+}  // namespace kovane_test

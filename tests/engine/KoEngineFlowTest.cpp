@@ -1,0 +1,151 @@
+// The engine driven through its public interface by a simulated camera on its own thread:
+// frames, their pieces and ZSL buffers flow into the history with their statistics, a capture
+// produces its statistics callback and a job, and the job's stages end it.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "EngineTestSupport.h"
+#include "HostSensorFeed.h"
+#include "KoFrameHistSnapshot.h"
+#include "KoSequenceQueue.h"
+
+using namespace android;
+using kovane_test::SimulatedCamera;
+using kovane_test::waitForFrame;
+using kovane_test::waitUntil;
+using kovane_test::withForeground;
+
+namespace {
+
+void postStage(KoEngine* engine, int jobId, uint32_t analysisBits, int stage) {
+  engine->mSequenceQueue->setProcessField(jobId, analysisBits);
+  sp<AMessage> msg = new AMessage(KoEngineFg::kWhatProcessCompleted, engine->mFg->getHandlerId());
+  msg->setInt32("jobId", jobId);
+  msg->setInt32("processField", stage);
+  msg->post();
+}
+
+}  // namespace
+
+TEST(KoEngineFlow, FramesCaptureAndStagesThroughThePublicInterface) {
+  SimulatedCamera cam;
+  ASSERT_TRUE(cam.ready());
+  HostSensorFeed::reset();
+  HostSensorFeed::setSensors({ASENSOR_TYPE_ACCELEROMETER, ASENSOR_TYPE_GYROSCOPE});
+  KO_KoEngineConfig_t config = {true, true, true};
+  KoEngine* engine = new KoEngine(&cam, &config);
+  cam.attach(engine);
+  EXPECT_EQ(engine->handleStartPreview(1920, 1080, 0, true, true, KO_CAM_POSITION_BACK), 0);
+
+  const int kJob = 7;
+  const uint32_t kShutter = 20;
+  const uint32_t kLast = 30;
+  std::thread camera([&] {
+    for (uint32_t id = 1; id <= kLast; ++id) {
+      const int64_t ns = SimulatedCamera::timestampOf(id) * 1000;
+      HostSensorFeed::inject(ASENSOR_TYPE_GYROSCOPE, ns, 0.01f, 0.0f, 0.005f);
+      HostSensorFeed::inject(ASENSOR_TYPE_ACCELEROMETER, ns, 0.0f, 9.8f, 0.1f);
+      KO_cam_face_detection_data_t face = SimulatedCamera::face(id);
+      KO_MetaFrameData_t meta = cam.meta(id);
+      KO_ZslFrameData_t zsl;
+      const bool piecesFirst = id % 2 == 1;  // odd frames: pieces before the frame
+      const bool withZsl = id % 3 == 0 && cam.lendZsl(id, &zsl);
+      if (piecesFirst) {
+        EXPECT_EQ(engine->handleMetadataFrame(&face, &meta), 0);
+        if (withZsl) engine->handleZslFrame(&zsl);
+      }
+      KO_PreviewFrameData_t preview = cam.preview(id);
+      EXPECT_EQ(engine->handlePreviewFrame(&preview), 0);
+      if (!piecesFirst) {
+        EXPECT_EQ(engine->handleMetadataFrame(&face, &meta), 0);
+        if (withZsl) engine->handleZslFrame(&zsl);
+      }
+      if (id == kShutter) {
+        KO_TakePicture_t pic = {};
+        pic.jobId = kJob;
+        pic.frameId = static_cast<int32_t>(kShutter);
+        pic.timeStamp = SimulatedCamera::timestampOf(kShutter);
+        pic.videoFd = -1;
+        pic.metadataFd = -1;
+        uint8_t blob[16] = {9, 8, 7};
+        pic.config = blob;
+        pic.configSize = sizeof(blob);
+        pic.bestShotEnable = true;
+        pic.exifTs = {1700000000, 5};
+        EXPECT_EQ(engine->handleTakePicture(&pic), 0);
+      }
+      // The camera keeps pace with the engine, so nothing is shed for lateness.
+      ASSERT_TRUE(waitForFrame(engine, id, KoFrameData::EVENT_FACE | KoFrameData::EVENT_METADATA)) << id;
+    }
+  });
+  camera.join();
+
+  // Every frame in the history: pieces merged, statistics, motion scores on every other frame
+  // (33333 us apart), camera motion with sensors on.
+  withForeground(engine, [&](KoEngineFg* fg) {
+    KoFrameHist* hist = fg->mFrameHist;
+    EXPECT_EQ(hist->size(), 30u);
+    for (size_t i = 0; i < hist->size(); ++i) {
+      sp<KoFrameData> f = hist->mHistory[i]->mFrameData;
+      const uint32_t id = f->mFrameId;
+      SCOPED_TRACE(id);
+      const uint32_t ev = f->processedEvents();
+      EXPECT_TRUE(ev & KoFrameData::EVENT_FACE);
+      EXPECT_TRUE(ev & KoFrameData::EVENT_METADATA);
+      EXPECT_EQ(f->mLuxLevel, static_cast<int32_t>(200 + id));
+      EXPECT_EQ(f->mFaceData.record.numFaces, 1u);
+      if (id == 1) continue;  // the first frame had no predecessor
+      EXPECT_TRUE(ev & KoFrameData::EVENT_STATS);
+      EXPECT_EQ((ev & KoFrameData::EVENT_MOTION) != 0, id % 2 == 0);
+      EXPECT_TRUE(ev & KoFrameData::EVENT_CAM_MOTION);
+      EXPECT_GT(f->mLumaStats.mean, 30.f);
+      EXPECT_GT(f->mSobelStats.mean, 1.f);
+      EXPECT_EQ(f->mStatsWidth, 320u);
+      EXPECT_EQ(f->mStatsParams[3], 96u);
+      EXPECT_EQ(f->mSensorEnabled[1], 1);
+      EXPECT_EQ(f->mGyroSample.mTimestamp, SimulatedCamera::timestampOf(id) * 1000);
+    }
+    return 0;
+  });
+
+  // The statistics callback came at the shutter with an EXIF history block.
+  std::vector<std::vector<uint8_t>> stats = cam.statistics();
+  ASSERT_EQ(stats.size(), 1u);
+  ASSERT_GT(stats[0].size(), 4u + 12u);
+  EXPECT_EQ(stats[0][0], 3);
+  EXPECT_EQ(stats[0][1], 0);
+  EXPECT_EQ(stats[0][2], 0);
+  EXPECT_EQ(stats[0][3], 0);
+  EXPECT_EQ(memcmp(&stats[0][8], "dhss", 4), 0);
+
+  // The job collected the frames after the shutter and was dispatched.
+  KoSequenceQueue* queue = engine->mSequenceQueue;
+  KoSequenceData* job = queue->getSequence(kJob);
+  ASSERT_NE(job, nullptr);
+  EXPECT_EQ(queue->getProcessField(kJob) & KO_SEQ_STAGE_MASK, KO_SEQ_STAGE_MASK);
+  ASSERT_NE(job->mSnapshot, nullptr);
+  EXPECT_EQ(job->mCapturedFrameId, static_cast<int32_t>(kShutter));
+  Vector<sp<KoFrameData>> frames;
+  job->mSnapshot->getFrameDataQueue(frames);
+  int after = 0;
+  for (size_t i = 0; i < frames.size(); ++i) after += frames[i]->mFrameId > kShutter ? 1 : 0;
+  EXPECT_GE(after, 6);
+  EXPECT_EQ(frames[job->mCapturedFrameIndex]->mFrameId, kShutter);
+
+  // Stages finish in any order; the job ends with the third.
+  postStage(engine, kJob, KO_SEQ_VIDEO_FINISHED, 0x200);
+  postStage(engine, kJob, KO_SEQ_PREVIEW_HISTORY_DONE, 0x400);
+  ASSERT_TRUE(waitUntil([&] { return (queue->getProcessField(kJob) & 0x600) == 0x600; }));
+  EXPECT_TRUE(cam.engineDone().empty());
+  postStage(engine, kJob, 0, 0x100);  // best shot not found yet: nothing happens
+  postStage(engine, kJob, KO_SEQ_BESTSHOT_FOUND, 0x100);
+  ASSERT_TRUE(waitUntil([&] { return !cam.engineDone().empty(); }));
+  EXPECT_EQ(cam.engineDone(), std::vector<int>{kJob});
+  EXPECT_EQ(queue->getNumActiveJobs(), 0);
+
+  delete engine;
+  HostSensorFeed::reset();
+  EXPECT_EQ(cam.zslOut(), 0u);
+  EXPECT_EQ(cam.doubleReturns(), 0);
+}

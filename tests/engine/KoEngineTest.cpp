@@ -1,0 +1,277 @@
+// Facade rules: configuration and permissions, the ZSL acceptance rule, face records, null
+// callbacks, late mode end to end, and destruction while work is still queued.
+#include <gtest/gtest.h>
+
+#include <future>
+#include <thread>
+
+#include "EngineTestSupport.h"
+#include "HostSensorFeed.h"
+#include "KoSequenceQueue.h"
+#include "StderrCapture.h"
+
+using namespace android;
+using kovane_test::SimulatedCamera;
+using kovane_test::waitForFrame;
+using kovane_test::waitUntil;
+using kovane_test::withForeground;
+
+namespace {
+
+KO_TakePicture_t picture(int jobId, uint32_t frameId, bool video, int videoFd) {
+  KO_TakePicture_t pic = {};
+  pic.jobId = jobId;
+  pic.frameId = static_cast<int32_t>(frameId);
+  pic.timeStamp = SimulatedCamera::timestampOf(frameId);
+  pic.videoFd = videoFd;
+  pic.metadataFd = -1;
+  pic.bestShotEnable = true;
+  pic.videoEnable = video;
+  return pic;
+}
+
+// Feeds frames first..last, each with its metadata (and faces unless noFaces), waiting for each.
+void feed(SimulatedCamera& cam, KoEngine* engine, uint32_t first, uint32_t last, bool withFaces = true) {
+  for (uint32_t id = first; id <= last; ++id) {
+    KO_PreviewFrameData_t p = cam.preview(id);
+    ASSERT_EQ(engine->handlePreviewFrame(&p), 0);
+    KO_cam_face_detection_data_t face = SimulatedCamera::face(withFaces ? id : 0);
+    KO_MetaFrameData_t meta = cam.meta(id);
+    ASSERT_EQ(engine->handleMetadataFrame(&face, &meta), 0);
+    ASSERT_TRUE(waitForFrame(engine, id, KoFrameData::EVENT_METADATA)) << id;
+  }
+}
+
+}  // namespace
+
+TEST(KoEngine, ConfigurationAndPermissions) {
+  HostSensorFeed::reset();
+  KO_KoEngineConfig_t noVideo = {true, false, true};
+  KoEngine engine(nullptr, &noVideo);
+  EXPECT_EQ(engine.mFeatureMask.load(), 0x18u);  // motion scores off with video
+  EXPECT_EQ(engine.mSensorMask.load(), 0x3u);
+  EXPECT_FALSE(engine.mVideoEnable);
+  EXPECT_TRUE(engine.mProcessInFg);
+  EXPECT_EQ(engine.mState.load(), 1);
+
+  KO_KoEngineConfig_t noAux = {false, true, false};
+  KoEngine other(nullptr, &noAux);
+  EXPECT_EQ(other.mFeatureMask.load(), 0x1Du);
+  EXPECT_FALSE(other.mBestShotEnable);
+
+  other.setEnableModes(-1, 0);
+  EXPECT_FALSE(other.mBestShotEnable);  // unchanged
+  EXPECT_FALSE(other.mVideoEnable);
+  other.setEnableModes(5, -1);
+  EXPECT_TRUE(other.mBestShotEnable);
+
+  KO_getParams_t params = {1, 1};
+  other.handleGetParameters(&params);
+  EXPECT_EQ(params.param1, 85);
+  EXPECT_EQ(params.param2, 85);
+
+  // A null callback is refused with the marker and leaves the slot empty.
+  EXPECT_EQ(other.registerBestShotDoneCallBack(nullptr), static_cast<int>(0x80000000));
+  EXPECT_EQ(other.registerVideoDoneCallBack(nullptr), static_cast<int>(0x80000000));
+  EXPECT_EQ(other.registerMetaDataDoneCallBack(nullptr), static_cast<int>(0x80000000));
+  EXPECT_EQ(other.registerStatisticsCallBack(nullptr), static_cast<int>(0x80000000));
+  EXPECT_EQ(other.registerFrameDoneCallBack(nullptr), static_cast<int>(0x80000000));
+  EXPECT_EQ(other.registerKoEngineDoneCallBack(nullptr), static_cast<int>(0x80000000));
+  EXPECT_EQ(other.mEngineDoneCb.load(), nullptr);
+}
+
+TEST(KoEngine, CapturesFollowThePermissionsAndFaceRecordsTheirFrameId) {
+  SimulatedCamera cam;
+  ASSERT_TRUE(cam.ready());
+  KO_KoEngineConfig_t config = {true, true, true};
+  KoEngine* engine = new KoEngine(&cam, &config);
+  cam.attach(engine);
+  feed(cam, engine, 1, 3);
+  feed(cam, engine, 4, 4, /*withFaces=*/false);  // a face record with frame id 0: metadata only
+  withForeground(engine, [](KoEngineFg* fg) {
+    sp<KoFrameData> f;
+    fg->mFrameHist->getItemWithFrameId(3, f);
+    EXPECT_TRUE(f->hasEvents(KoFrameData::EVENT_FACE | KoFrameData::EVENT_METADATA));
+    fg->mFrameHist->getItemWithFrameId(4, f);
+    EXPECT_TRUE(f->hasEvents(KoFrameData::EVENT_METADATA));
+    EXPECT_FALSE(f->hasEvents(KoFrameData::EVENT_FACE));
+    return 0;
+  });
+
+  // Video needs the engine's permission, the record's wish and a descriptor.
+  KO_TakePicture_t noFd = picture(1, 4, true, -1);
+  engine->handleTakePicture(&noFd);
+  KO_TakePicture_t withFd = picture(2, 4, true, 5);
+  engine->handleTakePicture(&withFd);
+  engine->setEnableModes(-1, 0);
+  KO_TakePicture_t notAllowed = picture(3, 4, true, 5);
+  engine->handleTakePicture(&notAllowed);
+  KoSequenceQueue* queue = engine->mSequenceQueue;
+  ASSERT_TRUE(waitUntil([&] { return queue->getNumActiveJobs() == 3; }));
+  EXPECT_FALSE(queue->getSequence(1)->mVideoEnabled);
+  EXPECT_TRUE(queue->getSequence(2)->mVideoEnabled);
+  EXPECT_FALSE(queue->getSequence(3)->mVideoEnabled);
+  EXPECT_TRUE(queue->getSequence(2)->mBestShotEnabled);
+  EXPECT_EQ(queue->getProcessField(2) & KO_SEQ_PROCESS_REQUESTED, KO_SEQ_PROCESS_REQUESTED);
+  EXPECT_EQ(cam.statistics().size(), 3u);  // one statistics record per capture
+
+  delete engine;  // captures still open: their snapshots and buffers go with the engine
+  EXPECT_EQ(cam.zslOut(), 0u);
+}
+
+TEST(KoEngine, ZslAcceptanceWithForegroundProcessingOff) {
+  SimulatedCamera cam;
+  ASSERT_TRUE(cam.ready());
+  KO_KoEngineConfig_t config = {true, true, true};
+  KoEngine* engine = new KoEngine(&cam, &config);
+  cam.attach(engine);
+  engine->mProcessInFg = false;  // the integration that analyses in the background only
+  feed(cam, engine, 9, 14);
+  std::vector<void*> lent;
+  for (uint32_t id = 10; id <= 13; ++id) {
+    KO_ZslFrameData_t zsl;
+    ASSERT_TRUE(cam.lendZsl(id, &zsl));
+    lent.push_back(zsl.buffer);
+    engine->handleZslFrame(&zsl);
+    // 11 and 12 follow an accepted 10 too closely: handed back at once.
+    EXPECT_EQ(cam.zslOut(), id == 10 ? 1u : (id == 13 ? 2u : 1u)) << id;
+  }
+  ASSERT_TRUE(waitUntil([&] {
+    return withForeground(engine, [](KoEngineFg* fg) {
+      sp<KoFrameData> f;
+      fg->mFrameHist->getItemWithFrameId(13, f);
+      return f->hasEvents(KoFrameData::EVENT_ZSL);
+    });
+  }));
+  withForeground(engine, [](KoEngineFg* fg) {
+    for (uint32_t id = 10; id <= 13; ++id) {
+      sp<KoFrameData> f;
+      fg->mFrameHist->getItemWithFrameId(id, f);
+      // Refused frames were still posted (with no buffer), so every id reached the history.
+      EXPECT_TRUE(f->hasEvents(KoFrameData::EVENT_ZSL)) << id;
+      EXPECT_EQ(f->mHasZsl, id == 10 || id == 13 ? 1 : 0) << id;
+    }
+    return 0;
+  });
+  EXPECT_EQ(engine->mLastZslFrameId, 13u);
+  delete engine;
+  EXPECT_EQ(cam.zslOut(), 0u);
+  EXPECT_EQ(cam.doubleReturns(), 0);
+}
+
+namespace {
+
+// Makes the foreground fall behind: it is held for 700 ms while the camera posts frames with
+// their pieces and ZSL buffers, then let go. The camera stops posting 100 ms before the end, so
+// every message of the backlog is more than 50 ms old and late mode, once on, stays on until a
+// fresh message arrives.
+void fallBehind(SimulatedCamera& cam, KoEngine* engine, uint32_t& id) {
+  std::atomic<bool> holding{false};
+  std::thread slow([&] {
+    withForeground(engine, [&holding](KoEngineFg*) {
+      holding = true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(700));
+      return 0;
+    });
+  });
+  ASSERT_TRUE(waitUntil([&] { return holding.load(); }));
+  for (int i = 0; i < 5; ++i, ++id) {
+    KO_PreviewFrameData_t p = cam.preview(id);
+    engine->handlePreviewFrame(&p);
+    KO_cam_face_detection_data_t face = SimulatedCamera::face(id);
+    KO_MetaFrameData_t meta = cam.meta(id);
+    engine->handleMetadataFrame(&face, &meta);
+    KO_ZslFrameData_t zsl;
+    if (cam.lendZsl(id, &zsl)) engine->handleZslFrame(&zsl);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  slow.join();
+  ASSERT_TRUE(waitUntil([&] { return engine->mFg->isLateMode(); }));
+}
+
+bool inHistory(KoEngine* engine, uint32_t id) {
+  return withForeground(engine, [id](KoEngineFg* fg) {
+    sp<KoFrameData> f;
+    fg->mFrameHist->getItemWithFrameId(id, f);
+    return f != nullptr;
+  });
+}
+
+}  // namespace
+
+TEST(KoEngine, LateModeShedsLoadAndEndsWithoutLosingABuffer) {
+  SimulatedCamera cam;
+  ASSERT_TRUE(cam.ready());
+  KO_KoEngineConfig_t config = {true, true, true};
+  KoEngine* engine = new KoEngine(&cam, &config);
+  cam.attach(engine);
+  feed(cam, engine, 1, 2);
+  uint32_t id = 3;
+
+  fallBehind(cam, engine, id);
+  // Late frames of the backlog were dropped by the foreground: no capture needed them.
+  for (uint32_t old = 3; old < id; ++old) EXPECT_FALSE(inHistory(engine, old)) << old;
+  // While late the facade sheds the preview frame and posts 'late' instead, which ends late mode.
+  const uint32_t shed = id++;
+  KO_PreviewFrameData_t p = cam.preview(shed);
+  EXPECT_EQ(engine->handlePreviewFrame(&p), 0);
+  ASSERT_TRUE(waitUntil([&] { return !engine->mFg->isLateMode(); }));
+  EXPECT_FALSE(inHistory(engine, shed));
+
+  // Again, now a ZSL buffer: handed straight back.
+  fallBehind(cam, engine, id);
+  KO_ZslFrameData_t zsl;
+  ASSERT_TRUE(cam.lendZsl(id, &zsl));
+  engine->handleZslFrame(&zsl);
+  EXPECT_FALSE(cam.isOut(zsl.buffer));
+  ASSERT_TRUE(waitUntil([&] { return !engine->mFg->isLateMode(); }));
+
+  // Once caught up, frames are kept again.
+  feed(cam, engine, id + 1, id + 3);
+
+  // A capture that reaches the foreground late is answered with the engine-done callback only.
+  std::thread slow([&] {
+    withForeground(engine, [](KoEngineFg*) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(600));
+      return 0;
+    });
+  });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  KO_TakePicture_t pic = picture(77, id + 3, false, -1);
+  engine->handleTakePicture(&pic);
+  slow.join();
+  ASSERT_TRUE(waitUntil([&] { return !cam.engineDone().empty(); }));
+  EXPECT_EQ(cam.engineDone(), std::vector<int>{77});
+  EXPECT_EQ(engine->mSequenceQueue->getNumActiveJobs(), 0);
+  EXPECT_EQ(cam.statistics().size(), 1u);  // the statistics record still comes
+
+  delete engine;
+  EXPECT_EQ(cam.zslOut(), 0u);
+  EXPECT_EQ(cam.doubleReturns(), 0);
+}
+
+TEST(KoEngine, DestructionWithWorkQueuedCompletesWithinABound) {
+  SimulatedCamera cam;
+  ASSERT_TRUE(cam.ready());
+  KO_KoEngineConfig_t config = {true, true, true};
+  KoEngine* engine = new KoEngine(&cam, &config);
+  cam.attach(engine);
+  // No flow control: frames, pieces, buffers and a capture pile up in the queue.
+  for (uint32_t id = 1; id <= 24; ++id) {
+    KO_PreviewFrameData_t p = cam.preview(id);
+    engine->handlePreviewFrame(&p);
+    KO_cam_face_detection_data_t face = SimulatedCamera::face(id);
+    KO_MetaFrameData_t meta = cam.meta(id);
+    engine->handleMetadataFrame(&face, &meta);
+    KO_ZslFrameData_t zsl;
+    if (cam.lendZsl(id, &zsl)) engine->handleZslFrame(&zsl);
+    if (id == 12) {
+      KO_TakePicture_t pic = picture(44, 12, false, -1);
+      engine->handleTakePicture(&pic);
+    }
+  }
+  auto done = std::async(std::launch::async, [engine] { delete engine; });
+  ASSERT_EQ(done.wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  EXPECT_EQ(cam.zslOut(), 0u);
+  EXPECT_EQ(cam.doubleReturns(), 0);
+}
