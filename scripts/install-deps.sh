@@ -9,7 +9,6 @@ PACKAGES=(
   libyuv-dev                                # row kernels behind the FastCV subset and the scalers
   libgtest-dev libgmock-dev                 # unit tests
   libbenchmark-dev                          # benchmarks under bench/
-  libavcodec-dev libavutil-dev libswscale-dev  # H.264 encoding of preview clips
   ffmpeg                                    # remaking the test pictures when ../shared is absent
 )
 

@@ -9,6 +9,7 @@
 #include "HostSensorFeed.h"
 #include "KoFrameHistSnapshot.h"
 #include "KoSequenceQueue.h"
+#include "KoStatsReader.h"
 
 using namespace android;
 using kovane_test::SimulatedCamera;
@@ -58,6 +59,9 @@ TEST(KoEngineFlow, FramesCaptureAndStagesThroughThePublicInterface) {
       KO_PreviewFrameData_t preview = cam.preview(id);
       EXPECT_EQ(engine->handlePreviewFrame(&preview), 0);
       if (!piecesFirst) {
+        // Pieces that follow their frame are sent once it is in the history; sent at once they
+        // could queue behind its analysis long enough to count as late on a slow machine.
+        ASSERT_TRUE(waitForFrame(engine, id)) << id;
         EXPECT_EQ(engine->handleMetadataFrame(&face, &meta), 0);
         if (withZsl) engine->handleZslFrame(&zsl);
       }
@@ -118,6 +122,18 @@ TEST(KoEngineFlow, FramesCaptureAndStagesThroughThePublicInterface) {
   EXPECT_EQ(stats[0][2], 0);
   EXPECT_EQ(stats[0][3], 0);
   EXPECT_EQ(memcmp(&stats[0][8], "dhss", 4), 0);
+  KoStatsReader reader;
+  ASSERT_TRUE(reader.parse(stats[0].data(), stats[0].size())) << reader.error();
+  EXPECT_TRUE(reader.hadExifPrefix());
+  ASSERT_TRUE(reader.hasSession());
+  EXPECT_EQ(reader.session().getInt("jobId"), kJob);
+  EXPECT_EQ(reader.session().getInt("bestShot.enabled"), 1);
+  EXPECT_FALSE(reader.hasSequence());  // the record at the shutter has no job yet
+  ASSERT_EQ(reader.frames().size(), static_cast<size_t>(kShutter));  // the frames before the shutter
+  const KoStatsReader::Row& shutterRow = reader.frames().back();
+  EXPECT_EQ(shutterRow.getInt("frame_id"), kShutter);
+  EXPECT_EQ(shutterRow.getInt("lux_level"), 200 + kShutter);
+  EXPECT_EQ(reader.faceGroups().size(), reader.frames().size());
 
   // The job collected the frames after the shutter and was dispatched.
   KoSequenceQueue* queue = engine->mSequenceQueue;

@@ -35,6 +35,7 @@ void feed(SimulatedCamera& cam, KoEngine* engine, uint32_t first, uint32_t last,
   for (uint32_t id = first; id <= last; ++id) {
     KO_PreviewFrameData_t p = cam.preview(id);
     ASSERT_EQ(engine->handlePreviewFrame(&p), 0);
+    ASSERT_TRUE(waitForFrame(engine, id)) << id;
     KO_cam_face_detection_data_t face = SimulatedCamera::face(withFaces ? id : 0);
     KO_MetaFrameData_t meta = cam.meta(id);
     ASSERT_EQ(engine->handleMetadataFrame(&face, &meta), 0);
@@ -91,9 +92,10 @@ TEST(KoEngine, CapturesFollowThePermissionsAndFaceRecordsTheirFrameId) {
   withForeground(engine, [](KoEngineFg* fg) {
     sp<KoFrameData> f;
     fg->mFrameHist->getItemWithFrameId(3, f);
-    EXPECT_TRUE(f->hasEvents(KoFrameData::EVENT_FACE | KoFrameData::EVENT_METADATA));
+    EXPECT_TRUE(f != nullptr && f->hasEvents(KoFrameData::EVENT_FACE | KoFrameData::EVENT_METADATA));
     fg->mFrameHist->getItemWithFrameId(4, f);
-    EXPECT_TRUE(f->hasEvents(KoFrameData::EVENT_METADATA));
+    EXPECT_TRUE(f != nullptr && f->hasEvents(KoFrameData::EVENT_METADATA));
+    if (f == nullptr) return 0;
     EXPECT_FALSE(f->hasEvents(KoFrameData::EVENT_FACE));
     return 0;
   });
@@ -140,13 +142,15 @@ TEST(KoEngine, ZslAcceptanceWithForegroundProcessingOff) {
     return withForeground(engine, [](KoEngineFg* fg) {
       sp<KoFrameData> f;
       fg->mFrameHist->getItemWithFrameId(13, f);
-      return f->hasEvents(KoFrameData::EVENT_ZSL);
+      return f != nullptr && f->hasEvents(KoFrameData::EVENT_ZSL);
     });
   }));
   withForeground(engine, [](KoEngineFg* fg) {
     for (uint32_t id = 10; id <= 13; ++id) {
       sp<KoFrameData> f;
       fg->mFrameHist->getItemWithFrameId(id, f);
+      EXPECT_NE(f, nullptr) << id;
+      if (f == nullptr) continue;
       // Refused frames were still posted (with no buffer), so every id reached the history.
       EXPECT_TRUE(f->hasEvents(KoFrameData::EVENT_ZSL)) << id;
       EXPECT_EQ(f->mHasZsl, id == 10 || id == 13 ? 1 : 0) << id;
@@ -161,16 +165,18 @@ TEST(KoEngine, ZslAcceptanceWithForegroundProcessingOff) {
 
 namespace {
 
-// Makes the foreground fall behind: it is held for 700 ms while the camera posts frames with
-// their pieces and ZSL buffers, then let go. The camera stops posting 100 ms before the end, so
-// every message of the backlog is more than 50 ms old and late mode, once on, stays on until a
-// fresh message arrives.
+// Makes the foreground fall behind: it is held while the camera posts frames with their pieces
+// and ZSL buffers, and for 600 ms after the last of them. Every message of the backlog is then
+// more than half a second old, so late mode comes on and stays on until a fresh message arrives,
+// however fast or slow this machine is.
 void fallBehind(SimulatedCamera& cam, KoEngine* engine, uint32_t& id) {
   std::atomic<bool> holding{false};
+  std::atomic<bool> posted{false};
   std::thread slow([&] {
-    withForeground(engine, [&holding](KoEngineFg*) {
+    withForeground(engine, [&](KoEngineFg*) {
       holding = true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(700));
+      while (!posted) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      std::this_thread::sleep_for(std::chrono::milliseconds(600));
       return 0;
     });
   });
@@ -183,10 +189,10 @@ void fallBehind(SimulatedCamera& cam, KoEngine* engine, uint32_t& id) {
     engine->handleMetadataFrame(&face, &meta);
     KO_ZslFrameData_t zsl;
     if (cam.lendZsl(id, &zsl)) engine->handleZslFrame(&zsl);
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
+  posted = true;
   slow.join();
-  ASSERT_TRUE(waitUntil([&] { return engine->mFg->isLateMode(); }));
+  ASSERT_TRUE(waitUntil([&] { return engine->mFg->isLateMode(); }, 20000));
 }
 
 bool inHistory(KoEngine* engine, uint32_t id) {
@@ -230,15 +236,20 @@ TEST(KoEngine, LateModeShedsLoadAndEndsWithoutLosingABuffer) {
   feed(cam, engine, id + 1, id + 3);
 
   // A capture that reaches the foreground late is answered with the engine-done callback only.
+  std::atomic<bool> holding{false};
+  std::atomic<bool> posted{false};
   std::thread slow([&] {
-    withForeground(engine, [](KoEngineFg*) {
+    withForeground(engine, [&](KoEngineFg*) {
+      holding = true;
+      while (!posted) std::this_thread::sleep_for(std::chrono::milliseconds(1));
       std::this_thread::sleep_for(std::chrono::milliseconds(600));
       return 0;
     });
   });
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  ASSERT_TRUE(waitUntil([&] { return holding.load(); }));
   KO_TakePicture_t pic = picture(77, id + 3, false, -1);
   engine->handleTakePicture(&pic);
+  posted = true;
   slow.join();
   ASSERT_TRUE(waitUntil([&] { return !cam.engineDone().empty(); }));
   EXPECT_EQ(cam.engineDone(), std::vector<int>{77});
