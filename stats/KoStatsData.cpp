@@ -175,7 +175,7 @@ class TextOut {
   TextOut(char* dst, int maxSize) : mDst(dst), mMaxSize(maxSize) { clear(); }
 
   // Appends len bytes; false (and nothing appended) when the text and its NUL would exceed
-  // maxSize, with the length that would have been needed in needed().
+  // maxSize.
   bool append(const char* piece, int len) {
     const int64_t need = static_cast<int64_t>(mLength) + len + 1;
     if (need > mMaxSize) {
@@ -193,7 +193,10 @@ class TextOut {
     if (mDst != nullptr && mMaxSize > 0) mDst[0] = '\0';
   }
 
-  int needed() const { return mNeeded; }
+  // Finishes the piece printed into tmp (finishPiece) and appends it. On failure (a line too
+  // long, or the text past maxSize, which is logged) the text is emptied and false returned.
+  bool put(const char* who, char* tmp, int printed, bool separator);
+
   // Length of the text with its NUL.
   int size() const { return mLength + 1; }
 
@@ -216,6 +219,14 @@ int finishPiece(const char* who, char* tmp, int printed, bool separator) {
   }
   if (separator) memcpy(tmp + printed, kSeparator, kSeparatorLength + 1);
   return length;
+}
+
+bool TextOut::put(const char* who, char* tmp, int printed, bool separator) {
+  const int length = finishPiece(who, tmp, printed, separator);
+  if (length >= 0 && append(tmp, length)) return true;
+  if (length >= 0) KOLOGW("%s maxSize reached = %d, maxSize=%d", who, mNeeded, mMaxSize);
+  clear();
+  return false;
 }
 
 // Reads a 32-bit word of a result block as the float it holds.
@@ -369,16 +380,7 @@ int KoStatsData::genHeader(char* dst, char* tmp, const KoHeaderPair_t* table, in
   if (table == nullptr) return 0;
   for (int i = 0; i < count; ++i) {
     const int printed = snprintf(tmp, LINE_BUFFER_SIZE, "%s %s", table[i].key, table[i].format);
-    const int length = finishPiece("genHeader", tmp, printed, i + 1 < count);
-    if (length < 0) {
-      text.clear();
-      return 0;
-    }
-    if (!text.append(tmp, length)) {
-      KOLOGW("%s maxSize reached = %d, maxSize=%d", "genHeader", text.needed(), maxSize);
-      text.clear();
-      return 0;
-    }
+    if (!text.put("genHeader", tmp, printed, i + 1 < count)) return 0;
   }
   return text.size();
 }
@@ -394,13 +396,7 @@ int KoStatsData::genSessionData(char* dst, char* tmp, KoGenFrameData_t* summary,
                                static_cast<int>(SESSION_ROWS), kExifFormatVersion, mCoreVersion,
                                summary->bestShotEnabled, summary->videoEnabled, summary->jobId,
                                summary->hdrMode, summary->isLateMode);
-  const int length = finishPiece("genSessionData", tmp, printed, false);
-  if (length < 0) return 0;
-  if (!text.append(tmp, length)) {
-    KOLOGW("%s maxSize reached = %d, maxSize=%d", "genSessionData", text.needed(), maxSize);
-    text.clear();
-    return 0;
-  }
+  if (!text.put("genSessionData", tmp, printed, false)) return 0;
   return text.size();
 }
 
@@ -432,13 +428,7 @@ int KoStatsData::genSeqData(char* dst, char* tmp, KoSequenceData* seq, bestShotI
       bs.replace, bs.replaceOverride, bs.isFaceScene, bs.shiftDetected, bs.blurDetected,
       static_cast<double>(bs.blurDetectCoeff), static_cast<double>(bs.blurDetectSubCoeff),
       static_cast<int>(bs.algBitField), static_cast<int>(bs.cancelledAlgBitField));
-  const int length = finishPiece("genSeqData", tmp, printed, false);
-  if (length < 0) return 0;
-  if (!text.append(tmp, length)) {
-    KOLOGW("%s maxSize reached = %d, maxSize=%d", "genSeqData", text.needed(), maxSize);
-    text.clear();
-    return 0;
-  }
+  if (!text.put("genSeqData", tmp, printed, false)) return 0;
   return text.size();
 }
 
@@ -494,16 +484,7 @@ int KoStatsData::genFrameData(char* dst, char* tmp, KoGenFrameData_t* summary,
         static_cast<double>(wordAsFloat(f->mMotionResult[9])), static_cast<int>(f->mCamMotion[3]),
         f->mLuxLevel, f->mAecState, f->mAwbState, static_cast<double>(f->mLuxIdx),
         static_cast<double>(f->mExpTime));
-    const int length = finishPiece("genFrameData", tmp, printed, i < last);
-    if (length < 0) {
-      text.clear();
-      return 0;
-    }
-    if (!text.append(tmp, length)) {
-      KOLOGW("%s maxSize reached = %d, maxSize=%d", "genFrameData", text.needed(), maxSize);
-      text.clear();
-      return 0;
-    }
+    if (!text.put("genFrameData", tmp, printed, i < last)) return 0;
   }
   return text.size();
 }
@@ -530,13 +511,8 @@ int KoStatsData::genFaceData(char* dst, char* tmp, KoFrameHistSnapshot* snapshot
                            static_cast<int>(f->mFrameId), static_cast<long long>(f->mTimestamp),
                            static_cast<int>(f->mFaceRefWidth), static_cast<int>(f->mFaceRefHeight),
                            static_cast<int>(record.numFaces), f->mFaceData.numBlinkedPredicted);
-    int length = finishPiece("genFaceData", tmp, printed, i < last || printedFaces > 0);
-    if (length < 0) {
-      text.clear();
-      return 0;
-    }
-    bool fits = text.append(tmp, length);
-    for (int k = 0; fits && k < printedFaces; ++k) {
+    if (!text.put("genFaceData", tmp, printed, i < last || printedFaces > 0)) return 0;
+    for (int k = 0; k < printedFaces; ++k) {
       const KO_cam_face_t& face = record.faces[k];
       printed = snprintf(
           tmp, LINE_BUFFER_SIZE, mFaceDataHeaderRepeatFormat, face.id,
@@ -548,17 +524,7 @@ int KoStatsData::genFaceData(char* dst, char* tmp, KoFrameHistSnapshot* snapshot
           static_cast<int>(face.topBottomGaze), static_cast<int>(face.smileDegree),
           static_cast<int>(face.smileConfidence), static_cast<int>(face.leftRightDir),
           static_cast<int>(face.upDownDir), static_cast<int>(face.rollDir));
-      length = finishPiece("genFaceData", tmp, printed, i < last || k + 1 < printedFaces);
-      if (length < 0) {
-        text.clear();
-        return 0;
-      }
-      fits = text.append(tmp, length);
-    }
-    if (!fits) {
-      KOLOGW("%s maxSize reached = %d, maxSize=%d", "genFaceData", text.needed(), maxSize);
-      text.clear();
-      return 0;
+      if (!text.put("genFaceData", tmp, printed, i < last || k + 1 < printedFaces)) return 0;
     }
   }
   return text.size();
@@ -583,20 +549,10 @@ int KoStatsData::genHistogramData(char* dst, char* tmp, KoFrameHistSnapshot* sna
     // The histogram format ends in its own separator.
     int printed = snprintf(tmp, LINE_BUFFER_SIZE, mHistogramDataHeaderFormat,
                            bins + HISTOGRAM_ROWS, static_cast<int>(f->mFrameId), bins);
-    int length = finishPiece("genHistogramData", tmp, printed, false);
-    bool fits = length >= 0 && text.append(tmp, length);
-    for (int b = 0; fits && b < bins; ++b) {
+    if (!text.put("genHistogramData", tmp, printed, false)) return 0;
+    for (int b = 0; b < bins; ++b) {
       printed = snprintf(tmp, LINE_BUFFER_SIZE, "%d", static_cast<int>(f->mHistogram[b]));
-      length = finishPiece("genHistogramData", tmp, printed, b + 1 < bins || notLast);
-      fits = length >= 0 && text.append(tmp, length);
-    }
-    if (!fits) {
-      if (length >= 0) {
-        KOLOGW("%s maxSize reached = %d, maxSize=%d", "genHistogramData", text.needed(),
-               maxSize);
-      }
-      text.clear();
-      return 0;
+      if (!text.put("genHistogramData", tmp, printed, b + 1 < bins || notLast)) return 0;
     }
   }
   return text.size();
