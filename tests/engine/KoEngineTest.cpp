@@ -81,6 +81,36 @@ TEST(KoEngine, ConfigurationAndPermissions) {
   EXPECT_EQ(other.mEngineDoneCb.load(), nullptr);
 }
 
+TEST(KoEngine, EventsWithoutACallbackAreSkipped) {
+  SimulatedCamera cam;
+  ASSERT_TRUE(cam.ready());
+  KO_KoEngineConfig_t config = {true, true, true};
+  KoEngine* engine = new KoEngine(&cam, &config);
+  cam.attach(engine);
+  engine->registerStatisticsCallBack(nullptr);
+  engine->registerKoEngineDoneCallBack(nullptr);
+  feed(cam, engine, 1, 3);
+  KO_ZslFrameData_t zsl;
+  ASSERT_TRUE(cam.lendZsl(3, &zsl));
+  engine->handleZslFrame(&zsl);
+  KO_TakePicture_t pic = picture(5, 3, false, -1);
+  engine->handleTakePicture(&pic);
+  ASSERT_TRUE(waitUntil([&] { return engine->mSequenceQueue->getNumActiveJobs() == 1; }));
+  // A job finishing with no engine-done callback registered ends quietly.
+  engine->mSequenceQueue->setProcessField(5, KO_SEQ_BESTSHOT_FOUND | KO_SEQ_VIDEO_FINISHED | KO_SEQ_PREVIEW_HISTORY_DONE);
+  for (int stage : {0x100, 0x200, 0x400}) {
+    sp<AMessage> msg = new AMessage(KoEngineFg::kWhatProcessCompleted, engine->mFg->getHandlerId());
+    msg->setInt32("jobId", 5);
+    msg->setInt32("processField", stage);
+    msg->post();
+  }
+  ASSERT_TRUE(waitUntil([&] { return engine->mSequenceQueue->getNumActiveJobs() == 0; }));
+  EXPECT_TRUE(cam.statistics().empty());
+  EXPECT_TRUE(cam.engineDone().empty());
+  delete engine;
+  EXPECT_EQ(cam.zslOut(), 0u);
+}
+
 TEST(KoEngine, CapturesFollowThePermissionsAndFaceRecordsTheirFrameId) {
   SimulatedCamera cam;
   ASSERT_TRUE(cam.ready());
