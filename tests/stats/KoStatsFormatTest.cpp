@@ -1,4 +1,4 @@
-// Key tables, format strings and header lines of the statistics record.
+// Format strings, header lines and section texts of the statistics record, byte for byte.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -7,14 +7,33 @@
 
 #include "DexKoVersion.h"
 #include "KoStatsData.h"
-#include "KoStatsReader.h"
+#include "StatsTestFrames.h"
 #include "StderrCapture.h"
 
+using android::KoFrameData;
 using android::KoHeaderPair_t;
 using android::KoStatsData;
-using android::KoStatsReader;
+using android::sp;
+using kovane_test::FrameOptions;
+using kovane_test::History;
+using kovane_test::makeFrame;
+using kovane_test::makeSummary;
 
 namespace {
+
+class KoStatsFormat : public ::testing::Test {
+ protected:
+  KoStatsFormat() : dst(8192, '#'), tmp(KoStatsData::LINE_BUFFER_SIZE) {}
+  std::string text() const { return std::string(dst.data()); }
+  std::string header(const KoHeaderPair_t* table, int count, int* length) {
+    *length = stats.genHeader(dst.data(), tmp.data(), table, count, 8192);
+    return text();
+  }
+
+  KoStatsData stats;
+  std::vector<char> dst;
+  std::vector<char> tmp;
+};
 
 int countOf(const std::string& text, const std::string& what) {
   int n = 0;
@@ -22,22 +41,18 @@ int countOf(const std::string& text, const std::string& what) {
   return n;
 }
 
-std::string header(KoStatsData& stats, const KoHeaderPair_t* table, int count, int* length) {
-  std::vector<char> dst(4096, 'x');
-  std::vector<char> tmp(KoStatsData::LINE_BUFFER_SIZE);
-  *length = stats.genHeader(dst.data(), tmp.data(), table, count, 4096);
-  return std::string(dst.data());
-}
+const char kFrame0Line[] =
+    "43, 100, 1234567890123, 3.500, 10.250, 40.750, 120.125, 0.000, 0.000, 0, 0.000, -9.810, "
+    "0.333, -0.000, 0.010, 0.333, 359.900, -45.500, 12.000, -1, -200, 0, 100, 200, 65535, 40, 0, "
+    "1, NoZSL, 0, 1000, 0.500, -2.750, 1.125, 0.000, -7.500, 99.999, 0, 300, 0, 2, 250.250, "
+    "0.033";
 
 }  // namespace
 
-TEST(KoStatsFormat, DerivedFormatStrings) {
-  KoStatsData stats;
-  ASSERT_NE(stats.mSessionDataHeaderFormat, nullptr);
+TEST_F(KoStatsFormat, FormatStringsHeaderLinesAndVersions) {
   EXPECT_STREQ(stats.mSessionDataHeaderFormat, "%d, %s, %s, %d, %d, %d, %d, %d");
   EXPECT_STREQ(stats.mHistogramDataHeaderFormat, "%d, %d, %d, ");
-  EXPECT_STREQ(stats.mRawYUVDataHeaderFormat,
-               "%d, %d, %d, %d, %d, %d, %d, %d, %lld, %d, %d, ");
+  EXPECT_STREQ(stats.mRawYUVDataHeaderFormat, "%d, %d, %d, %d, %d, %d, %d, %d, %lld, %d, %d, ");
   EXPECT_STREQ(stats.mFaceDataHeaderFormat, "%d, %d, %lld, %d, %d, %d, %d");
   std::string repeat = "%d";
   for (int i = 1; i < 24; ++i) repeat += ", %d";
@@ -47,45 +62,17 @@ TEST(KoStatsFormat, DerivedFormatStrings) {
   EXPECT_EQ(countOf(stats.mFrameDataHeaderFormat, "%"), 43);
   EXPECT_EQ(countOf(stats.mSequenceDataHeaderFormat, "%"), 34);
   EXPECT_EQ(std::string(stats.mSequenceDataHeaderFormat).substr(0, 14), "%d, %d, %lld, ");
-}
-
-TEST(KoStatsFormat, BuildFormatStringLengths) {
-  KoStatsData stats;
   char buf[KoStatsData::FORMAT_BUFFER_SIZE];
   EXPECT_EQ(stats.buildFormatString(KoStatsData::sSessionDataHeader, 8, buf, false), 31);
   EXPECT_EQ(stats.buildFormatString(KoStatsData::sHistogramDataHeader, 3, buf, true), 13);
-  EXPECT_EQ(stats.buildFormatString(KoStatsData::sFrameDataHeader, 43, buf, false), 219);
-  // The same table with and without the trailing separator differs by exactly ", ".
-  EXPECT_EQ(stats.buildFormatString(KoStatsData::sSessionDataHeader, 8, buf, true), 33);
-  EXPECT_STREQ(buf, "%d, %s, %s, %d, %d, %d, %d, %d, ");
-  // An empty table gives the empty text.
-  memset(buf, 'x', sizeof(buf));
-  EXPECT_EQ(stats.buildFormatString(KoStatsData::sSessionDataHeader, 0, buf, true), 1);
-  EXPECT_STREQ(buf, "");
-}
 
-TEST(KoStatsFormat, BuildFormatStringFailures) {
-  KoStatsData stats;
-  {
-    kovane_test::StderrCapture cap;
-    EXPECT_EQ(stats.buildFormatString(KoStatsData::sSessionDataHeader, 8, nullptr, false), 0);
-    EXPECT_NE(cap.finish().find("buildFormatString: buf NULL"), std::string::npos);
-  }
-  // 43 pieces of "%lld, " need 259 bytes: the buffer stays empty.
-  std::vector<KoHeaderPair_t> longTable(60, KoHeaderPair_t{"k", "%lld"});
-  char buf[KoStatsData::FORMAT_BUFFER_SIZE];
-  memset(buf, 'x', sizeof(buf));
-  kovane_test::StderrCapture cap;
-  EXPECT_EQ(stats.buildFormatString(longTable.data(), 60, buf, false), 0);
-  EXPECT_STREQ(buf, "");
-  EXPECT_NE(cap.finish().find("buildFormatString maxSize reached = 259, maxSize=256"),
-            std::string::npos);
-  // 42 of them fit (253 bytes with NUL, no trailing separator: 251 + 1).
-  EXPECT_EQ(stats.buildFormatString(longTable.data(), 42, buf, false), 42 * 6 - 2 + 1);
-}
+  android::DexKoVersion version;
+  const char* coreVersion = nullptr;
+  ASSERT_EQ(version.getVersion(&coreVersion), 0);
+  EXPECT_STREQ(stats.mCoreVersion, coreVersion);
+  EXPECT_STREQ(KoStatsData::kExifFormatVersion, "00.00.002");
 
-TEST(KoStatsFormat, HeaderLineLengths) {
-  KoStatsData stats;
+  // Header lines: their lengths with the NUL, and never a trailing separator.
   struct Case {
     const KoHeaderPair_t* table;
     int count;
@@ -100,86 +87,82 @@ TEST(KoStatsFormat, HeaderLineLengths) {
   };
   for (const Case& c : cases) {
     int length = 0;
-    const std::string line = header(stats, c.table, c.count, &length);
+    const std::string line = header(c.table, c.count, &length);
     EXPECT_EQ(length, c.length) << line;
     EXPECT_EQ(line.size() + 1, static_cast<size_t>(c.length));
     EXPECT_EQ(line.rfind("numElements %d, ", 0), 0u) << line;
-    // Never a trailing separator, even where the format string has one.
     EXPECT_NE(line.substr(line.size() - 2), ", ");
     EXPECT_EQ(countOf(line, ", ") + 1, c.count);
   }
   int length = 0;
-  EXPECT_EQ(header(stats, KoStatsData::sHistogramDataHeader, 3, &length),
+  EXPECT_EQ(header(KoStatsData::sHistogramDataHeader, 3, &length),
             "numElements %d, frameId %d, numBins %d");
-  EXPECT_EQ(header(stats, KoStatsData::sSessionDataHeader, 8, &length),
+  EXPECT_EQ(header(KoStatsData::sSessionDataHeader, 8, &length),
             "numElements %d, exifFormatVersion %s, libKoCoreVersion %s, bestShot.enabled %d, "
             "video.enabled %d, jobId %d, hdrMode %d, isLateMode %d");
-  const std::string face = header(stats, KoStatsData::sFaceDataHeader, 31, &length);
-  EXPECT_NE(face.find("face.num_blinked_predicted %d, face.id %d, face.score %d"),
-            std::string::npos);
-  const std::string faceEnd = ", dir.lr %d, dir.ud %d, dir.roll %d";
-  ASSERT_GT(face.size(), faceEnd.size());
-  EXPECT_EQ(face.substr(face.size() - faceEnd.size()), faceEnd);
-  const std::string frame = header(stats, KoStatsData::sFrameDataHeader, 43, &length);
-  EXPECT_NE(frame.find(", ts %lld, "), std::string::npos);
-  EXPECT_NE(frame.find(", zsl_bs_capture %s, zsl %d, "), std::string::npos);
 }
 
-TEST(KoStatsFormat, HeaderLinesSplitBackIntoTheTables) {
-  KoStatsData stats;
-  const std::vector<std::pair<const KoHeaderPair_t*, int>> tables = {
-      {KoStatsData::sSessionDataHeader, 8},   {KoStatsData::sFrameDataHeader, 43},
-      {KoStatsData::sFaceDataHeader, 31},     {KoStatsData::sSequenceDataHeader, 34},
-      {KoStatsData::sHistogramDataHeader, 3}, {KoStatsData::sRawYUVDataHeader, 11}};
-  for (const auto& t : tables) {
-    int length = 0;
-    std::vector<KoStatsReader::Column> columns;
-    ASSERT_TRUE(KoStatsReader::splitHeader(header(stats, t.first, t.second, &length), columns));
-    ASSERT_EQ(columns.size(), static_cast<size_t>(t.second));
-    for (int i = 0; i < t.second; ++i) {
-      EXPECT_EQ(columns[i].key, t.first[i].key);
-      EXPECT_EQ(columns[i].format, t.first[i].format);
-    }
-  }
-  // The per-face rows follow the group rows.
-  EXPECT_EQ(KoStatsData::sFaceDataHeaderRepeat, KoStatsData::sFaceDataHeader + 7);
-  EXPECT_STREQ(KoStatsData::sFaceDataHeaderRepeat[0].key, "face.id");
-  EXPECT_STREQ(KoStatsData::sFaceDataHeader[6].key, "face.num_blinked_predicted");
+TEST_F(KoStatsFormat, SessionLineOfTheExample) {
+  strcpy(stats.mCoreVersion, "v1");
+  android::KoGenFrameData_t summary = makeSummary();
+  EXPECT_EQ(stats.genSessionData(dst.data(), tmp.data(), &summary, 8192), 33);
+  EXPECT_EQ(text(), "8, 00.00.002, v1, 1, 0, 12, 0, 0");
 }
 
-TEST(KoStatsFormat, GenHeaderLimitAndNullInputs) {
-  KoStatsData stats;
-  std::vector<char> tmp(KoStatsData::LINE_BUFFER_SIZE);
-  // dst sits in a larger block: nothing past maxSize may be touched.
-  std::vector<char> block(200, '#');
-  {
-    kovane_test::StderrCapture cap;
-    EXPECT_EQ(stats.genHeader(block.data(), tmp.data(), KoStatsData::sSessionDataHeader, 8, 133),
-              0);
-    EXPECT_NE(cap.finish().find("genHeader maxSize reached = 134, maxSize=133"),
-              std::string::npos);
-  }
-  EXPECT_EQ(block[0], '\0');
-  for (size_t i = 133; i < block.size(); ++i) ASSERT_EQ(block[i], '#') << i;
-  // Exactly enough room.
-  EXPECT_EQ(stats.genHeader(block.data(), tmp.data(), KoStatsData::sSessionDataHeader, 8, 134),
-            134);
-  EXPECT_EQ(block[133], '\0');
-  for (size_t i = 134; i < block.size(); ++i) ASSERT_EQ(block[i], '#') << i;
+TEST_F(KoStatsFormat, FrameLinesJoinedAndTextsDroppedBeyondMaxSize) {
+  History one({makeFrame(0, FrameOptions())});
+  android::KoGenFrameData_t summary = makeSummary();
+  EXPECT_EQ(stats.genFrameData(dst.data(), tmp.data(), &summary, one.snapshot, 8192),
+            static_cast<int>(strlen(kFrame0Line)) + 1);
+  EXPECT_EQ(text(), kFrame0Line);
 
+  // Frames are joined by ", " with no trailing separator.
+  History three({makeFrame(0, FrameOptions()), makeFrame(0, FrameOptions()),
+                 makeFrame(0, FrameOptions())});
+  const std::string all = std::string(kFrame0Line) + ", " + kFrame0Line + ", " + kFrame0Line;
+  const int full = static_cast<int>(all.size()) + 1;
+  EXPECT_EQ(stats.genFrameData(dst.data(), tmp.data(), &summary, three.snapshot, full), full);
+  EXPECT_EQ(text(), all);
+
+  // One byte short: the text is dropped, logged, and nothing at or past maxSize is touched.
+  // The same holds for a header line.
+  std::fill(dst.begin(), dst.end(), '#');
   kovane_test::StderrCapture cap;
-  EXPECT_EQ(stats.genHeader(nullptr, tmp.data(), KoStatsData::sSessionDataHeader, 8, 500), 0);
-  EXPECT_NE(cap.finish().find("genHeader, Error: input buffer null"), std::string::npos);
-  block[0] = 'x';
-  EXPECT_EQ(stats.genHeader(block.data(), tmp.data(), KoStatsData::sSessionDataHeader, 0, 500), 1);
-  EXPECT_EQ(block[0], '\0');
+  EXPECT_EQ(stats.genFrameData(dst.data(), tmp.data(), &summary, three.snapshot, full - 1), 0);
+  EXPECT_EQ(dst[0], '\0');
+  for (int i = full - 1; i < static_cast<int>(dst.size()); ++i) ASSERT_EQ(dst[i], '#') << i;
+  std::fill(dst.begin(), dst.end(), '#');
+  EXPECT_EQ(stats.genHeader(dst.data(), tmp.data(), KoStatsData::sSessionDataHeader, 8, 133), 0);
+  EXPECT_EQ(dst[0], '\0');
+  for (int i = 133; i < static_cast<int>(dst.size()); ++i) ASSERT_EQ(dst[i], '#') << i;
+  const std::string log = cap.finish();
+  EXPECT_NE(log.find("genFrameData maxSize reached = " + std::to_string(full) +
+                     ", maxSize=" + std::to_string(full - 1)),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find("genHeader maxSize reached = 134, maxSize=133"), std::string::npos) << log;
 }
 
-TEST(KoStatsFormat, CoreVersionComesFromTheAnalysisLibrary) {
-  android::DexKoVersion version;
-  const char* text = nullptr;
-  ASSERT_EQ(version.getVersion(&text), 0);
-  KoStatsData stats;
-  EXPECT_STREQ(stats.mCoreVersion, text);
-  EXPECT_STREQ(KoStatsData::kExifFormatVersion, "00.00.002");
+TEST_F(KoStatsFormat, HistogramGroups) {
+  FrameOptions noHist;
+  noHist.histogram = false;
+  std::vector<sp<KoFrameData>> frames = {makeFrame(0, FrameOptions()), makeFrame(1, noHist),
+                                         makeFrame(2, FrameOptions()), makeFrame(3, noHist)};
+  for (sp<KoFrameData>& f : frames) {
+    if (f->mHistogram == nullptr) continue;
+    f->mHistogramBins = 4;
+    for (int b = 0; b < 4; ++b) f->mHistogram[b] = f->mFrameId * 10 + b;
+  }
+  const std::string expected =
+      "7, 100, 4, 1000, 1001, 1002, 1003, 7, 102, 4, 1020, 1021, 1022, 1023";
+  {
+    History h({frames[0], frames[1], frames[2]});
+    EXPECT_EQ(stats.genHistogramData(dst.data(), tmp.data(), h.snapshot, 8192),
+              static_cast<int>(expected.size()) + 1);
+    EXPECT_EQ(text(), expected);
+  }
+  // An item that is not the last ends with ", " even when only items without histograms follow.
+  History h(frames);
+  stats.genHistogramData(dst.data(), tmp.data(), h.snapshot, 8192);
+  EXPECT_EQ(text(), expected + ", ");
 }

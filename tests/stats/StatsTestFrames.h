@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include <utils/RefBase.h>
@@ -33,17 +32,10 @@ inline void fillFace(android::KO_cam_face_t& face, int seed, int k) {
   face.id = 1000 + s;
   face.score = static_cast<int8_t>(k % 2 ? -(s % 100) : s % 100);
   face.recognised = static_cast<uint8_t>(200 + k);
-  face.left = 10 * s;
-  face.top = -3 * s;
-  face.width = 50 + s;
-  face.height = 60 + s;
+  face.left = 10 * s, face.top = -3 * s, face.width = 50 + s, face.height = 60 + s;
   face.reserved = 77777;
-  face.leftEyeX = 1 + s;
-  face.leftEyeY = 2 + s;
-  face.rightEyeX = 3 + s;
-  face.rightEyeY = 4 + s;
-  face.mouthX = 5 + s;
-  face.mouthY = 6 + s;
+  face.leftEyeX = 1 + s, face.leftEyeY = 2 + s, face.rightEyeX = 3 + s, face.rightEyeY = 4 + s;
+  face.mouthX = 5 + s, face.mouthY = 6 + s;
   face.smileDegree = static_cast<uint8_t>(s % 101);
   face.smileConfidence = static_cast<uint8_t>(250 - k);
   face.gazeAngle = static_cast<int8_t>(-10 - k);
@@ -69,10 +61,8 @@ inline sp<android::KoFrameData> makeFrame(int i, const FrameOptions& opt) {
   sp<android::KoFrameData> f = new android::KoFrameData();
   f->mFrameId = 100 + i;
   f->mTimestamp = 1234567890123LL + 33333LL * i;
-  f->mWidth = 640;
-  f->mHeight = 360;
-  f->mAnalysisWidth = 640;
-  f->mAnalysisHeight = 360;
+  f->mWidth = f->mAnalysisWidth = 640;
+  f->mHeight = f->mAnalysisHeight = 360;
   f->mSobelStats = {10.25f + i, 3.5f + i, 3.5f + i, 0.0f, 255.0f};
   f->mLumaStats = {120.125f - i, 40.75f, 40.75f, 1.0f, 250.0f};
   f->mDiffStats = {0.0625f * i, 1.5f * i, 1.5f * i, 0.0f, 80.0f};
@@ -85,27 +75,19 @@ inline sp<android::KoFrameData> makeFrame(int i, const FrameOptions& opt) {
   f->mAfNumRoi = static_cast<uint8_t>(i % 2);
   f->mAfWindow[0] = static_cast<uint16_t>(100 + i);
   f->mAfWindow[1] = static_cast<uint16_t>(200 + i);
-  f->mAfWindow[2] = 65535;
-  f->mAfWindow[3] = static_cast<uint16_t>(40 + i);
+  f->mAfWindow[2] = 65535, f->mAfWindow[3] = static_cast<uint16_t>(40 + i);
   f->mAfRoiType = static_cast<uint8_t>(i % 3);
   f->mHasZsl = opt.zsl ? 1 : 0;
   if (opt.zsl) f->setZslBuffer(new android::ABuffer(4));
-  f->mFeScore = 1000 - 13 * i;
-  f->mFacesScore = 0.5f + 0.01f * i;
-  f->mBsScore = -2.75f + i;
+  f->mFeScore = 1000 - 13 * i, f->mFacesScore = 0.5f + 0.01f * i, f->mBsScore = -2.75f + i;
   f->mMotionResult[3] = floatWord(1.125f + i);
   f->mMotionResult[4] = floatWord(0.0015f * i);
-  f->mMotionResult[8] = floatWord(-7.5f);
-  f->mMotionResult[9] = floatWord(99.999f);
+  f->mMotionResult[8] = floatWord(-7.5f), f->mMotionResult[9] = floatWord(99.999f);
   f->mMotionResult[0] = floatWord(55555.0f);  // never printed
   f->mCamMotion[3] = static_cast<uint32_t>(i % 4);
-  f->mLuxLevel = 300 + i;
-  f->mAecState = i % 5;
-  f->mAwbState = 2;
-  f->mLuxIdx = 250.25f + i;
-  f->mExpTime = 0.0333f;
-  f->mFaceRefWidth = 1920;
-  f->mFaceRefHeight = 1080;
+  f->mLuxLevel = 300 + i, f->mAecState = i % 5, f->mAwbState = 2;
+  f->mLuxIdx = 250.25f + i, f->mExpTime = 0.0333f;
+  f->mFaceRefWidth = 1920, f->mFaceRefHeight = 1080;
   f->mFaceData.record.frameId = f->mFrameId;
   f->mFaceData.record.numFaces = opt.claimed ? opt.claimed : static_cast<uint32_t>(opt.faces);
   f->mFaceData.record.reserved = 424242;
@@ -122,13 +104,11 @@ inline sp<android::KoFrameData> makeFrame(int i, const FrameOptions& opt) {
 }
 
 // Gives a frame a downscaled image of width x height (planar 4:2:0) where byte n holds
-// pattern(n) = (n * 7 + n / 251) & 0xff.
-inline uint8_t imagePattern(size_t n) { return static_cast<uint8_t>((n * 7 + n / 251) & 0xff); }
-
+// (n * 7 + n / 251) & 0xff.
 inline void attachImage(const sp<android::KoFrameData>& f, uint32_t width, uint32_t height) {
   const size_t bytes = static_cast<size_t>(width) * height * 3 / 2;
   uint8_t* image = static_cast<uint8_t*>(fcvMemAlloc(static_cast<unsigned>(bytes), 16));
-  for (size_t n = 0; n < bytes; ++n) image[n] = imagePattern(n);
+  for (size_t n = 0; n < bytes; ++n) image[n] = static_cast<uint8_t>((n * 7 + n / 251) & 0xff);
   f->mWidth = width;
   f->mHeight = height;
   f->mDownscaledImage = new android::ABuffer(image, bytes);
@@ -149,59 +129,34 @@ struct History {
   History& operator=(const History&) = delete;
 };
 
+// Job 12 with best shot enabled, nothing captured or chosen; every other flag 0.
 inline android::KoGenFrameData_t makeSummary() {
   android::KoGenFrameData_t s;
   memset(&s, 0, sizeof(s));
   s.jobId = 12;
   s.bestShotEnabled = 1;
-  s.videoEnabled = 0;
-  s.bestShotGenerated = 0;
-  s.hdrMode = 0;
-  s.isLateMode = 0;
-  s.capturedFrameId = -1;
-  s.capturedFrameIndex = -1;
-  s.bestShotFrameIndex = -1;
-  s.referenceFrameId = -1;
+  s.capturedFrameId = s.capturedFrameIndex = s.bestShotFrameIndex = s.referenceFrameId = -1;
   s.camPosition = 1;
   return s;
 }
 
 // A sequence and decision record with distinct values in every printed field.
 inline void fillSequence(android::KoSequenceData& seq, android::bestShotInfo_t& bs) {
-  seq.mJobId = 7;
-  seq.mCapturedTsUs = 123456789012LL;
-  seq.mCapturedFrameId = 40;
-  seq.mCapturedFrameIndex = 3;
-  seq.mOrientation = 90;
-  seq.mVideoGenerated = 1;
-  seq.mVideoSet = 0;
-  seq.mVideoCancelled = 1;
-  seq.mVideoMotionScore = 55;
-  seq.mVideoStartFrameId = 30;
-  seq.mVideoStopFrameId = 45;
+  seq.mJobId = 7, seq.mCapturedTsUs = 123456789012LL;
+  seq.mCapturedFrameId = 40, seq.mCapturedFrameIndex = 3, seq.mOrientation = 90;
+  seq.mVideoGenerated = 1, seq.mVideoSet = 0, seq.mVideoCancelled = 1;
+  seq.mVideoMotionScore = 55, seq.mVideoStartFrameId = 30, seq.mVideoStopFrameId = 45;
   seq.mFrameLumaStats = {100.5f, 12.25f, 12.25f, 0.0f, 0.0f};
   seq.mFrameDiffStats = {3.5f, 1.125f, 1.125f, 0.0f, 0.0f};
   seq.mFrameSobelStats = {20.0f, 4.5f, 4.5f, 0.0f, 0.0f};
   memset(&bs, 0, sizeof(bs));
-  bs.generated = 1;
-  bs.frameId = 42;
-  bs.frameIndex = 5;
-  bs.timestampUs = 999;
-  bs.bsScore = 8.5f;
-  bs.algBitField = 0x10003;
-  bs.similarityCoeff = 0.875f;
-  bs.expOffset = -2;
-  bs.expSimilarity = 0.9375f;
-  bs.replace = 1;
-  bs.replaceOverride = 6;
-  bs.captureOffsetUs = -33333;
-  bs.isFaceScene = 1;
-  bs.shiftDetected = 0;
-  bs.blurDetected = 1;
-  bs.blurDetectCoeff = -1.0f;
-  bs.blurDetectSubCoeff = 0.5f;
-  bs.cancelledAlgBitField = 2;
-  bs.referenceFrameId = 41;
+  bs.generated = 1, bs.frameId = 42, bs.frameIndex = 5, bs.referenceFrameId = 41;
+  bs.timestampUs = 999, bs.bsScore = 8.5f, bs.captureOffsetUs = -33333;  // not printed
+  bs.algBitField = 0x10003, bs.cancelledAlgBitField = 2;
+  bs.similarityCoeff = 0.875f, bs.expOffset = -2, bs.expSimilarity = 0.9375f;
+  bs.replace = 1, bs.replaceOverride = 6;
+  bs.isFaceScene = 1, bs.shiftDetected = 0;
+  bs.blurDetected = 1, bs.blurDetectCoeff = -1.0f, bs.blurDetectSubCoeff = 0.5f;
 }
 
 inline const char kSequenceLine[] =
@@ -212,22 +167,6 @@ inline const char kSequenceLine[] =
 inline uint32_t le32(const void* p) {
   const uint8_t* b = static_cast<const uint8_t*>(p);
   return b[0] | (b[1] << 8) | (b[2] << 16) | (static_cast<uint32_t>(b[3]) << 24);
-}
-
-// Segment types of a laid record, in order, as their four letters.
-inline std::vector<std::string> segmentTypes(const char* out, int length) {
-  std::vector<std::string> types;
-  int pos = 0;
-  while (pos + 12 <= length) {
-    const uint32_t size = le32(out + pos);
-    const uint32_t type = le32(out + pos + 4);
-    std::string name(4, ' ');
-    for (int k = 0; k < 4; ++k) name[k] = static_cast<char>(type >> (8 * (3 - k)));
-    types.push_back(name);
-    if (size < 12) break;
-    pos += static_cast<int>(size);
-  }
-  return types;
 }
 
 }  // namespace kovane_test

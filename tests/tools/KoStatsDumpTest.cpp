@@ -49,21 +49,17 @@ ToolRun runTool(const std::string& args) {
   return r;
 }
 
-// A temporary file removed at the end of the test.
+// A temporary file holding bytes, removed at the end of the test.
 struct TempPath {
-  TempPath() {
+  explicit TempPath(const std::vector<char>& bytes) {
     char name[] = "/tmp/kostats_dump_XXXXXX";
     const int fd = mkstemp(name);
-    if (fd >= 0) close(fd);
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    close(fd);
     path = name;
   }
   ~TempPath() { unlink(path.c_str()); }
-  void write(const std::vector<char>& bytes) const {
-    FILE* f = fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr);
-    fwrite(bytes.data(), 1, bytes.size(), f);
-    fclose(f);
-  }
   std::string path;
 };
 
@@ -99,31 +95,37 @@ std::vector<char> exifBlock() {
 
 TEST(KoStatsDump, PrintsARecordAsJson) {
   ASSERT_EQ(access(toolPath().c_str(), X_OK), 0) << "build kostats_dump: " << toolPath();
-  TempPath file;
-  file.write(exifBlock());
-  const ToolRun r = runTool(file.path);
-  EXPECT_EQ(r.status, 0) << r.out;
-  EXPECT_EQ(r.out.rfind("{\"exifBlock\":true,\"segments\":[{\"offset\":0,\"type\":\"sshd\"", 0), 0u)
-      << r.out;
-  EXPECT_NE(r.out.find("\"jobId\":4,"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("\"frame_id\":501,\"ts\":777001,"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("\"zsl_bs_capture\":\"CapturedNoZSL\""), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("\"lux_idx\":1.500,"), std::string::npos) << r.out;
-  EXPECT_NE(r.out.find("\"faces\":[{\"face.id\":9,"), std::string::npos) << r.out;
-  EXPECT_EQ(r.out.find("\"error\""), std::string::npos);
-  EXPECT_EQ(r.out.back(), '\n');
+  const std::vector<char> block = exifBlock();
+  // The EXIF block with its 3/0 prefix, and the bare record after it.
+  for (const bool prefixed : {true, false}) {
+    const TempPath file(prefixed ? block : std::vector<char>(block.begin() + 4, block.end()));
+    const ToolRun r = runTool(file.path);
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_EQ(r.out.rfind(std::string("{\"exifBlock\":") + (prefixed ? "true" : "false") +
+                              ",\"segments\":[{\"offset\":0,\"type\":\"sshd\"",
+                          0),
+              0u)
+        << r.out;
+    EXPECT_NE(r.out.find("\"jobId\":4,"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("\"sequence\":null"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("\"frame_id\":501,\"ts\":777001,"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("\"zsl_bs_capture\":\"CapturedNoZSL\""), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("\"lux_idx\":1.500,"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("\"faces\":[{\"face.id\":9,"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("\"error\""), std::string::npos);
+    EXPECT_EQ(r.out.back(), '\n');
 
-  const ToolRun check = runTool("--check " + file.path);
-  EXPECT_EQ(check.status, 0);
-  EXPECT_TRUE(check.out.empty());
+    const ToolRun check = runTool("--check " + file.path);
+    EXPECT_EQ(check.status, 0);
+    EXPECT_TRUE(check.out.empty());
+  }
 }
 
 TEST(KoStatsDump, ReportsMalformedRecordsAndBadUse) {
   ASSERT_EQ(access(toolPath().c_str(), X_OK), 0) << "build kostats_dump: " << toolPath();
   std::vector<char> block = exifBlock();
   block[4 + 8] = 2;  // version of the first segment
-  TempPath file;
-  file.write(block);
+  const TempPath file(block);
   const ToolRun r = runTool(file.path);
   EXPECT_EQ(r.status, 1);
   EXPECT_NE(r.out.find("\"error\":\"unsupported segment version 2 of sshd at offset 0\""),
