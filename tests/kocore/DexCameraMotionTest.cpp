@@ -1,11 +1,10 @@
-// Camera-motion classes from synthetic gyroscope traces, and the version record.
+// Camera-motion classes from synthetic gyroscope traces.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
 
 #include "DexCameraMotion.h"
-#include "DexKoVersion.h"
 
 namespace android {
 namespace {
@@ -98,24 +97,6 @@ TEST(CameraMotion, NoDataAndBadArguments) {
   untouched.mode = 9;
   EXPECT_EQ(-1, cm.getCamMotionType(2000, 1000, &untouched));
   EXPECT_EQ(9, untouched.mode);
-}
-
-TEST(KoVersion, ReportsTheBuildVersion) {
-  DexKoVersion v;
-  const char* text = nullptr;
-  ASSERT_EQ(0, v.getVersion(&text));
-  ASSERT_NE(nullptr, text);
-  EXPECT_EQ(0, std::strncmp(text, "kocore-", 7));
-  EXPECT_GT(std::strlen(text), 7u);
-  EXPECT_LE(std::strlen(text), 19u);
-  EXPECT_EQ(-1, v.getVersion(nullptr));
-  Vector<DexKoVersion::koVersion_t> all;
-  all.push_back({"stale", "x"});
-  EXPECT_EQ(5, v.getAllVersions(all));
-  ASSERT_EQ(5u, all.size());
-  EXPECT_STREQ("kocore", all[0].name);
-  EXPECT_STREQ(text, all[0].version);
-  for (size_t i = 0; i < all.size(); ++i) EXPECT_STRNE("stale", all[i].name);
 }
 
 }  // namespace

@@ -8,29 +8,18 @@
 using android::ABuffer;
 using android::sp;
 
-TEST(PlatformABufferTest, OwningBufferStartsWithWholeRange) {
-  sp<ABuffer> buf = new ABuffer(100);
-  ASSERT_NE(buf->base(), nullptr);
-  EXPECT_EQ(buf->capacity(), 100u);
-  EXPECT_EQ(buf->size(), 100u);
-  EXPECT_EQ(buf->offset(), 0u);
-  EXPECT_EQ(buf->data(), buf->base());
-  memset(buf->data(), 0xA5, buf->size());  // the whole capacity is writable (checked by ASan)
-}
-
-TEST(PlatformABufferTest, SetRangeMovesDataAndSize) {
+TEST(PlatformABufferTest, SetRangeMovesDataAndSizeWithinCapacity) {
   sp<ABuffer> buf = new ABuffer(64);
-  for (size_t i = 0; i < 64; ++i) buf->base()[i] = static_cast<uint8_t>(i);
+  EXPECT_EQ(buf->size(), 64u);
+  EXPECT_EQ(buf->data(), buf->base());
+  for (size_t i = 0; i < 64; ++i) buf->base()[i] = static_cast<uint8_t>(i);  // checked by ASan
   buf->setRange(10, 20);
   EXPECT_EQ(buf->offset(), 10u);
   EXPECT_EQ(buf->size(), 20u);
   EXPECT_EQ(buf->capacity(), 64u);
-  EXPECT_EQ(buf->data(), buf->base() + 10);
   EXPECT_EQ(buf->data()[0], 10);
   buf->setRange(64, 0);  // empty range at the very end is valid
   EXPECT_EQ(buf->size(), 0u);
-  buf->setRange(0, 64);
-  EXPECT_EQ(buf->data()[63], 63);
 }
 
 TEST(PlatformABufferDeathTest, SetRangeOutsideCapacityAborts) {
@@ -46,12 +35,10 @@ TEST(PlatformABufferTest, WrappingBufferUsesCallersMemoryAndDoesNotFreeIt) {
     sp<ABuffer> buf = new ABuffer(storage.data(), storage.size());
     EXPECT_EQ(buf->base(), storage.data());
     EXPECT_EQ(buf->capacity(), 32u);
-    EXPECT_EQ(buf->size(), 32u);
     buf->setRange(4, 8);
     buf->data()[0] = 42;
   }
   // Still ours after the buffer died (a free of vector memory would trip ASan/the allocator).
   EXPECT_EQ(storage[4], 42);
   storage.assign(64, 1);
-  EXPECT_EQ(storage.size(), 64u);
 }
