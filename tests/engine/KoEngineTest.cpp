@@ -195,11 +195,10 @@ TEST(KoEngine, ZslAcceptanceWithForegroundProcessingOff) {
 
 namespace {
 
-// Makes the foreground fall behind: it is held while the camera posts frames with their pieces
-// and ZSL buffers, and for 600 ms after the last of them. Every message of the backlog is then
-// more than half a second old, so late mode comes on and stays on until a fresh message arrives,
-// however fast or slow this machine is.
-void fallBehind(SimulatedCamera& cam, KoEngine* engine, uint32_t& id) {
+// Runs `post` while the foreground is held, and holds it 600 ms longer: everything posted is
+// then more than half a second old when the foreground sees it, however fast this machine is.
+template <typename Post>
+void whileStalled(KoEngine* engine, Post post) {
   std::atomic<bool> holding{false};
   std::atomic<bool> posted{false};
   std::thread slow([&] {
@@ -211,17 +210,26 @@ void fallBehind(SimulatedCamera& cam, KoEngine* engine, uint32_t& id) {
     });
   });
   ASSERT_TRUE(waitUntil([&] { return holding.load(); }));
-  for (int i = 0; i < 5; ++i, ++id) {
-    KO_PreviewFrameData_t p = cam.preview(id);
-    engine->handlePreviewFrame(&p);
-    KO_cam_face_detection_data_t face = SimulatedCamera::face(id);
-    KO_MetaFrameData_t meta = cam.meta(id);
-    engine->handleMetadataFrame(&face, &meta);
-    KO_ZslFrameData_t zsl;
-    if (cam.lendZsl(id, &zsl)) engine->handleZslFrame(&zsl);
-  }
+  post();
   posted = true;
   slow.join();
+}
+
+// Makes the foreground fall behind with a backlog of frames, their pieces and ZSL buffers. The
+// newest message of the backlog is old too, so late mode comes on and stays on until a fresh
+// message arrives.
+void fallBehind(SimulatedCamera& cam, KoEngine* engine, uint32_t& id) {
+  whileStalled(engine, [&] {
+    for (int i = 0; i < 5; ++i, ++id) {
+      KO_PreviewFrameData_t p = cam.preview(id);
+      engine->handlePreviewFrame(&p);
+      KO_cam_face_detection_data_t face = SimulatedCamera::face(id);
+      KO_MetaFrameData_t meta = cam.meta(id);
+      engine->handleMetadataFrame(&face, &meta);
+      KO_ZslFrameData_t zsl;
+      if (cam.lendZsl(id, &zsl)) engine->handleZslFrame(&zsl);
+    }
+  });
   ASSERT_TRUE(waitUntil([&] { return engine->mFg->isLateMode(); }, 20000));
 }
 
@@ -266,21 +274,10 @@ TEST(KoEngine, LateModeShedsLoadAndEndsWithoutLosingABuffer) {
   feed(cam, engine, id + 1, id + 3);
 
   // A capture that reaches the foreground late is answered with the engine-done callback only.
-  std::atomic<bool> holding{false};
-  std::atomic<bool> posted{false};
-  std::thread slow([&] {
-    withForeground(engine, [&](KoEngineFg*) {
-      holding = true;
-      while (!posted) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      std::this_thread::sleep_for(std::chrono::milliseconds(600));
-      return 0;
-    });
+  whileStalled(engine, [&] {
+    KO_TakePicture_t pic = picture(77, id + 3, false, -1);
+    engine->handleTakePicture(&pic);
   });
-  ASSERT_TRUE(waitUntil([&] { return holding.load(); }));
-  KO_TakePicture_t pic = picture(77, id + 3, false, -1);
-  engine->handleTakePicture(&pic);
-  posted = true;
-  slow.join();
   ASSERT_TRUE(waitUntil([&] { return !cam.engineDone().empty(); }));
   EXPECT_EQ(cam.engineDone(), std::vector<int>{77});
   EXPECT_EQ(engine->mSequenceQueue->getNumActiveJobs(), 0);
