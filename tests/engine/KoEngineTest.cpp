@@ -81,12 +81,29 @@ TEST(KoEngine, ConfigurationAndPermissions) {
   EXPECT_EQ(other.mEngineDoneCb.load(), nullptr);
 }
 
-TEST(KoEngine, EventsWithoutACallbackAreSkipped) {
+// An engine fed by a simulated camera with all its callbacks registered. Tests end with
+// release(), which destroys the engine and checks that every ZSL buffer came back exactly once.
+class KoEngineWithCamera : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(cam.ready());
+    KO_KoEngineConfig_t config = {true, true, true};
+    engine = new KoEngine(&cam, &config);
+    cam.attach(engine);
+  }
+  void TearDown() override { delete engine; }
+  void release() {
+    delete engine;
+    engine = nullptr;
+    EXPECT_EQ(cam.zslOut(), 0u);
+    EXPECT_EQ(cam.doubleReturns(), 0);
+  }
+
   SimulatedCamera cam;
-  ASSERT_TRUE(cam.ready());
-  KO_KoEngineConfig_t config = {true, true, true};
-  KoEngine* engine = new KoEngine(&cam, &config);
-  cam.attach(engine);
+  KoEngine* engine = nullptr;
+};
+
+TEST_F(KoEngineWithCamera, EventsWithoutACallbackAreSkipped) {
   engine->registerStatisticsCallBack(nullptr);
   engine->registerKoEngineDoneCallBack(nullptr);
   feed(cam, engine, 1, 3);
@@ -107,16 +124,10 @@ TEST(KoEngine, EventsWithoutACallbackAreSkipped) {
   ASSERT_TRUE(waitUntil([&] { return engine->mSequenceQueue->getNumActiveJobs() == 0; }));
   EXPECT_TRUE(cam.statistics().empty());
   EXPECT_TRUE(cam.engineDone().empty());
-  delete engine;
-  EXPECT_EQ(cam.zslOut(), 0u);
+  release();
 }
 
-TEST(KoEngine, CapturesFollowThePermissionsAndFaceRecordsTheirFrameId) {
-  SimulatedCamera cam;
-  ASSERT_TRUE(cam.ready());
-  KO_KoEngineConfig_t config = {true, true, true};
-  KoEngine* engine = new KoEngine(&cam, &config);
-  cam.attach(engine);
+TEST_F(KoEngineWithCamera, CapturesFollowThePermissionsAndFaceRecordsTheirFrameId) {
   feed(cam, engine, 1, 3);
   feed(cam, engine, 4, 4, /*withFaces=*/false);  // a face record with frame id 0: metadata only
   withForeground(engine, [](KoEngineFg* fg) {
@@ -147,16 +158,10 @@ TEST(KoEngine, CapturesFollowThePermissionsAndFaceRecordsTheirFrameId) {
   EXPECT_EQ(queue->getProcessField(2) & KO_SEQ_PROCESS_REQUESTED, KO_SEQ_PROCESS_REQUESTED);
   EXPECT_EQ(cam.statistics().size(), 3u);  // one statistics record per capture
 
-  delete engine;  // captures still open: their snapshots and buffers go with the engine
-  EXPECT_EQ(cam.zslOut(), 0u);
+  release();  // captures still open: their snapshots and buffers go with the engine
 }
 
-TEST(KoEngine, ZslAcceptanceWithForegroundProcessingOff) {
-  SimulatedCamera cam;
-  ASSERT_TRUE(cam.ready());
-  KO_KoEngineConfig_t config = {true, true, true};
-  KoEngine* engine = new KoEngine(&cam, &config);
-  cam.attach(engine);
+TEST_F(KoEngineWithCamera, ZslAcceptanceWithForegroundProcessingOff) {
   engine->mProcessInFg = false;  // the integration that analyses in the background only
   feed(cam, engine, 9, 14);
   std::vector<void*> lent;
@@ -188,9 +193,7 @@ TEST(KoEngine, ZslAcceptanceWithForegroundProcessingOff) {
     return 0;
   });
   EXPECT_EQ(engine->mLastZslFrameId, 13u);
-  delete engine;
-  EXPECT_EQ(cam.zslOut(), 0u);
-  EXPECT_EQ(cam.doubleReturns(), 0);
+  release();
 }
 
 namespace {
@@ -243,12 +246,7 @@ bool inHistory(KoEngine* engine, uint32_t id) {
 
 }  // namespace
 
-TEST(KoEngine, LateModeShedsLoadAndEndsWithoutLosingABuffer) {
-  SimulatedCamera cam;
-  ASSERT_TRUE(cam.ready());
-  KO_KoEngineConfig_t config = {true, true, true};
-  KoEngine* engine = new KoEngine(&cam, &config);
-  cam.attach(engine);
+TEST_F(KoEngineWithCamera, LateModeShedsLoadAndEndsWithoutLosingABuffer) {
   feed(cam, engine, 1, 2);
   uint32_t id = 3;
 
@@ -283,17 +281,10 @@ TEST(KoEngine, LateModeShedsLoadAndEndsWithoutLosingABuffer) {
   EXPECT_EQ(engine->mSequenceQueue->getNumActiveJobs(), 0);
   EXPECT_EQ(cam.statistics().size(), 1u);  // the statistics record still comes
 
-  delete engine;
-  EXPECT_EQ(cam.zslOut(), 0u);
-  EXPECT_EQ(cam.doubleReturns(), 0);
+  release();
 }
 
-TEST(KoEngine, DestructionWithWorkQueuedCompletesWithinABound) {
-  SimulatedCamera cam;
-  ASSERT_TRUE(cam.ready());
-  KO_KoEngineConfig_t config = {true, true, true};
-  KoEngine* engine = new KoEngine(&cam, &config);
-  cam.attach(engine);
+TEST_F(KoEngineWithCamera, DestructionWithWorkQueuedCompletesWithinABound) {
   // No flow control: frames, pieces, buffers and a capture pile up in the queue.
   for (uint32_t id = 1; id <= 24; ++id) {
     KO_PreviewFrameData_t p = cam.preview(id);
@@ -308,7 +299,9 @@ TEST(KoEngine, DestructionWithWorkQueuedCompletesWithinABound) {
       engine->handleTakePicture(&pic);
     }
   }
-  auto done = std::async(std::launch::async, [engine] { delete engine; });
+  KoEngine* queued = engine;
+  engine = nullptr;
+  auto done = std::async(std::launch::async, [queued] { delete queued; });
   ASSERT_EQ(done.wait_for(std::chrono::seconds(30)), std::future_status::ready);
   EXPECT_EQ(cam.zslOut(), 0u);
   EXPECT_EQ(cam.doubleReturns(), 0);
