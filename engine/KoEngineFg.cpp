@@ -95,11 +95,15 @@ void KoEngineFg::deinit_l() {
   // The background side goes first: it may still post completions to this handler.
   if (mEngine && mEngine->mBg != nullptr) mEngine->mBg->deinit();
   if (mLooper == nullptr || !mLooperRunning) return;
-  mStopSignalled = false;
-  sp<AMessage> msg = new AMessage(kWhatClear, id());
-  msg->post();
-  // The wait releases mLock, so the looper works off everything queued before 'clea'.
-  while (!mStopSignalled) pthread_cond_wait(&mStopCond, &mLock);
+  // A handler that is already being destroyed cannot be handed 'clea' (its queued messages are
+  // dropped anyway): the looper is then stopped without the handshake.
+  if (getStrongCount() > 0) {
+    mStopSignalled = false;
+    sp<AMessage> msg = new AMessage(kWhatClear, id());
+    msg->post();
+    // The wait releases mLock, so the looper works off everything queued before 'clea'.
+    while (!mStopSignalled) pthread_cond_wait(&mStopCond, &mLock);
+  }
   mLooper->stop();
   mLooper->unregisterHandler(id());
   mLooperRunning = false;

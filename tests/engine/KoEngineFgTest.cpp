@@ -150,3 +150,16 @@ TEST(KoEngineFg, StatisticsOnRealFramesAndMotionCadence) {
     return 0;
   });
 }
+
+TEST(KoEngineFg, DroppedWithoutDeinitStillStopsItsLooper) {
+  KO_KoEngineConfig_t config = {true, true, true};
+  KoEngine engine(nullptr, &config);
+  // A second handler on its own looper, released without deinit: its destructor must not wait
+  // for a stop message that can no longer reach it.
+  sp<KoEngineFg> fg = new KoEngineFg(&engine);
+  fg->init(true);
+  sp<AMessage> msg = new AMessage(KoEngineFg::kWhatLate, fg->getHandlerId());
+  msg->post();
+  fg.clear();
+  SUCCEED();
+}
