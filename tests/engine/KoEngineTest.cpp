@@ -43,6 +43,18 @@ void feed(SimulatedCamera& cam, KoEngine* engine, uint32_t first, uint32_t last,
   }
 }
 
+// Posts frame `id` with its face record, metadata and (when one is free) a ZSL buffer, without
+// waiting for the engine.
+void post(SimulatedCamera& cam, KoEngine* engine, uint32_t id) {
+  KO_PreviewFrameData_t p = cam.preview(id);
+  engine->handlePreviewFrame(&p);
+  KO_cam_face_detection_data_t face = SimulatedCamera::face(id);
+  KO_MetaFrameData_t meta = cam.meta(id);
+  engine->handleMetadataFrame(&face, &meta);
+  KO_ZslFrameData_t zsl;
+  if (cam.lendZsl(id, &zsl)) engine->handleZslFrame(&zsl);
+}
+
 }  // namespace
 
 TEST(KoEngine, ConfigurationAndPermissions) {
@@ -223,15 +235,7 @@ void whileStalled(KoEngine* engine, Post post) {
 // message arrives.
 void fallBehind(SimulatedCamera& cam, KoEngine* engine, uint32_t& id) {
   whileStalled(engine, [&] {
-    for (int i = 0; i < 5; ++i, ++id) {
-      KO_PreviewFrameData_t p = cam.preview(id);
-      engine->handlePreviewFrame(&p);
-      KO_cam_face_detection_data_t face = SimulatedCamera::face(id);
-      KO_MetaFrameData_t meta = cam.meta(id);
-      engine->handleMetadataFrame(&face, &meta);
-      KO_ZslFrameData_t zsl;
-      if (cam.lendZsl(id, &zsl)) engine->handleZslFrame(&zsl);
-    }
+    for (int i = 0; i < 5; ++i, ++id) post(cam, engine, id);
   });
   ASSERT_TRUE(waitUntil([&] { return engine->mFg->isLateMode(); }, 20000));
 }
@@ -287,13 +291,7 @@ TEST_F(KoEngineWithCamera, LateModeShedsLoadAndEndsWithoutLosingABuffer) {
 TEST_F(KoEngineWithCamera, DestructionWithWorkQueuedCompletesWithinABound) {
   // No flow control: frames, pieces, buffers and a capture pile up in the queue.
   for (uint32_t id = 1; id <= 24; ++id) {
-    KO_PreviewFrameData_t p = cam.preview(id);
-    engine->handlePreviewFrame(&p);
-    KO_cam_face_detection_data_t face = SimulatedCamera::face(id);
-    KO_MetaFrameData_t meta = cam.meta(id);
-    engine->handleMetadataFrame(&face, &meta);
-    KO_ZslFrameData_t zsl;
-    if (cam.lendZsl(id, &zsl)) engine->handleZslFrame(&zsl);
+    post(cam, engine, id);
     if (id == 12) {
       KO_TakePicture_t pic = picture(44, 12, false, -1);
       engine->handleTakePicture(&pic);
