@@ -3,7 +3,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include <libyuv.h>
 #include <log/log.h>
@@ -179,14 +178,16 @@ status_t KoFrameDataCreate::getSensorData(sp<KoFrameData>& frame) {
   Sensor const* const* list = nullptr;
   ssize_t count = SensorManager::getInstance().getSensorList(&list);
   size_t room = count > 0 ? static_cast<size_t>(count) : 1;
-  std::vector<ASensorEvent> events(room);
+  // The read buffer is kept between frames: this runs for every preview frame.
+  if (mSensorEvents.size() < room) mSensorEvents.resize(room);
+  ASensorEvent* events = mSensorEvents.data();
   KoSensorSample* frameSamples[4] = {&frame->mAccelSample, &frame->mGyroSample, &frame->mOrientSample,
                                      &frame->mMagneticSample};
   KoSensorSample* lastSamples[4] = {&mLastAccelSample, &mLastGyroSample, &mLastOrientSample,
                                     &mLastMagneticSample};
   bool seen[4] = {false, false, false, false};
   for (;;) {
-    ssize_t n = mSensorQueue->read(events.data(), room);
+    ssize_t n = mSensorQueue->read(events, room);
     if (n < 1) break;
     for (ssize_t e = 0; e < n; ++e) {
       const ASensorEvent& ev = events[static_cast<size_t>(e)];

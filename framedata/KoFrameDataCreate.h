@@ -3,6 +3,7 @@
 // analysis image, camera values, motion-sensor samples), face records and ZSL buffers. Used from
 // one thread only.
 #include <cstdint>
+#include <vector>
 
 #include <utils/Errors.h>
 #include <utils/RefBase.h>
@@ -47,6 +48,8 @@ class KoFrameDataCreate {
   KoSensorSample mLastMagneticSample;
 
  private:
+  std::vector<ASensorEvent> mSensorEvents;  // read buffer of getSensorData
+
   KoFrameDataCreate(const KoFrameDataCreate&) = delete;
   KoFrameDataCreate& operator=(const KoFrameDataCreate&) = delete;
 };
