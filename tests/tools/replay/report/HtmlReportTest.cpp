@@ -1,0 +1,266 @@
+// report.html of a small replay: self-contained, honest about missing pictures and missing
+// engine decisions, and shown by headless Chromium without errors, with its pictures decoded
+// and its charts laid out.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include <nlohmann/json.hpp>
+
+#include "HtmlReport.h"
+#include "Metrics.h"
+#include "ReportSamples.h"
+#include "ReportWriter.h"
+#include "TempDir.h"
+#include "TimelineSvg.h"
+
+using kovane_replay::KindSummary;
+using kovane_replay::Metrics;
+using kovane_replay::PressResult;
+using kovane_replay::ReportWriter;
+using kovane_replay_test::TempDir;
+using kovane_replay_test::sampleRun;
+using kovane_replay_test::timelinePress;
+
+namespace {
+
+const char* const kChromium = "/usr/bin/chromium";
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+size_t countOf(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + what.size())) ++n;
+  return n;
+}
+
+// The text of the cells of the table row that starts with `rowStart`.
+std::vector<std::string> rowCells(const std::string& html, const std::string& rowStart) {
+  std::vector<std::string> cells;
+  size_t at = html.find(rowStart);
+  if (at == std::string::npos) return cells;
+  const size_t end = html.find("</tr>", at);
+  while ((at = html.find("<td", at)) != std::string::npos && at < end) {
+    const size_t open = html.find('>', at) + 1;
+    const size_t close = html.find("</td>", open);
+    cells.push_back(html.substr(open, close - open));
+    at = close;
+  }
+  return cells;
+}
+
+off_t fileSize(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
+}
+
+// A replay of three presses written the way the runner leaves it: the pictures under
+// capture-NN/, then the outputs.
+struct WrittenReport {
+  TempDir dir{"kovane-report-html"};
+  std::vector<PressResult> presses;
+  std::string html;
+};
+
+void writeReport(WrittenReport& r, bool decided) {
+  r.presses = {timelinePress(0, "clean", 60, decided), timelinePress(1, "blink", 120, decided),
+               timelinePress(2, "shake", 200, false)};
+  std::string error;
+  for (const PressResult& p : r.presses) {
+    ASSERT_TRUE(kovane_replay_test::writePressPictures(r.dir.path(), p, &error)) << error;
+  }
+  ASSERT_TRUE(ReportWriter::writeRun(r.dir.path(), sampleRun(decided), r.presses, &error)) << error;
+  r.html = readFile(r.dir.file("report.html"));
+}
+
+// Lines Chromium logs for the page's console (messages, uncaught exceptions).
+std::vector<std::string> consoleLines(const std::string& log) {
+  std::vector<std::string> out;
+  std::istringstream in(log);
+  for (std::string line; std::getline(in, line);) {
+    if (line.find(":CONSOLE") != std::string::npos || line.find("Uncaught") != std::string::npos) {
+      out.push_back(line);
+    }
+  }
+  return out;
+}
+
+// Runs headless Chromium on a page with a fresh profile folder (removed afterwards), bounded
+// in time; `mode` is "--screenshot=PATH" or "--dump-dom". Returns its exit status; its
+// standard output and error go to the given files.
+int runChromium(const std::string& page, const std::string& mode, const std::string& out, const std::string& err) {
+  TempDir profile("kovane-chromium-profile");
+  const std::string cmd = std::string("timeout 60 ") + kChromium +
+                          " --headless=new --no-sandbox --disable-gpu --no-first-run --hide-scrollbars"
+                          " --enable-logging=stderr --v=0 --user-data-dir='" +
+                          profile.path() + "' --window-size=1200,2000 " + mode + " 'file://" + page + "' >'" + out +
+                          "' 2>'" + err + "'";
+  const int rc = std::system(cmd.c_str());
+  return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+}
+
+}  // namespace
+
+TEST(HtmlReportPage, IsSelfContainedWithPicturesChartsAndTheSummaryNumbers) {
+  WrittenReport r;
+  writeReport(r, true);
+  const std::string& html = r.html;
+  ASSERT_FALSE(html.empty());
+  // Nothing fetched: no address, no external file, every source an inline picture, no script.
+  EXPECT_EQ(html.find("http:"), std::string::npos);
+  EXPECT_EQ(html.find("https:"), std::string::npos);
+  EXPECT_EQ(html.find("<script"), std::string::npos);
+  EXPECT_EQ(html.find("<link"), std::string::npos);
+  EXPECT_EQ(html.find("url("), std::string::npos);
+  EXPECT_EQ(countOf(html, "src=\""), countOf(html, "src=\"data:image/jpeg;base64,"));
+  EXPECT_EQ(countOf(html, "<img "), 2 * r.presses.size());
+  EXPECT_EQ(countOf(html, "<svg class=\"timeline\""), r.presses.size());
+  // The header.
+  for (const char* text : {"desk_face_640x360_30fps.mp4", "640\xC3\x97" "360", "30.00 fps", "fast, 8x real time",
+                           "dlib (cached)", "lent 290", "not returned 0", "returned twice 0", "not entered"}) {
+    EXPECT_NE(html.find(text), std::string::npos) << text;
+  }
+  // The engine decided, so no banner; the press without a decision says so.
+  EXPECT_EQ(html.find("no engine pick"), std::string::npos);
+  EXPECT_NE(html.find("no engine decision"), std::string::npos);
+  // The table shows summary.json's numbers.
+  const nlohmann::json summary = nlohmann::json::parse(readFile(r.dir.file("summary.json")));
+  const nlohmann::json& all = summary["kinds"].back();
+  const std::vector<std::string> cells = rowCells(html, "<tr class=\"total\">");
+  ASSERT_EQ(cells.size(), 12u);
+  EXPECT_EQ(cells[0], "all");
+  EXPECT_EQ(cells[1], "3");
+  EXPECT_EQ(cells[2], Metrics::formatPercent(all["captured_good_pct"].get<double>()));
+  EXPECT_EQ(cells[2], "33.3%");
+  EXPECT_EQ(cells[3], "2");
+  EXPECT_EQ(cells[4], Metrics::formatPercent(all["engine"]["good_pct"].get<double>()));
+  EXPECT_EQ(cells[5], Metrics::formatPercent(all["engine"]["rescued_pct"].get<double>()));
+  EXPECT_EQ(cells[7], std::to_string(all["engine"]["needless"].get<int>()));
+  EXPECT_EQ(cells[8], Metrics::formatPercent(all["baseline"]["good_pct"].get<double>()));
+  EXPECT_EQ(cells[11], std::to_string(all["baseline"]["needless"].get<int>()));
+  // Per press: labels and the baseline's frame.
+  EXPECT_NE(html.find("Sharpest-frame pick (baseline): frame 118"), std::string::npos);
+  EXPECT_NE(html.find("injected blink, degree 90"), std::string::npos);
+  EXPECT_NE(html.find("shake, blur 6.5 px"), std::string::npos);
+}
+
+TEST(HtmlReportPage, SaysSoWhenTheEngineDecidedNothingOrAPictureIsMissing) {
+  WrittenReport r;
+  writeReport(r, false);
+  EXPECT_NE(r.html.find("no engine pick: the engine made no best-shot decision; final = captured"),
+            std::string::npos);
+
+  // A picture gone and one that is no JPEG: the page names them and shows the rest.
+  ASSERT_EQ(unlink(r.dir.file("capture-01/final.jpg").c_str()), 0);
+  std::string error;
+  ASSERT_TRUE(ReportWriter::writeText(r.dir.file("capture-02/captured.jpg"), "GIF89a", &error));
+  PressResult noFile = timelinePress(3, "noise", 250, false);
+  noFile.capturedJpeg.clear();
+  r.presses.push_back(noFile);
+  const std::string html = ReportWriter::reportHtml(sampleRun(false), r.presses, Metrics::summarize(r.presses),
+                                                    ReportWriter::filesUnder(r.dir.path()));
+  EXPECT_NE(html.find("picture missing: capture-01/final.jpg (cannot open"), std::string::npos);
+  EXPECT_NE(html.find("not a JPEG picture: capture-02/captured.jpg"), std::string::npos);
+  EXPECT_NE(html.find("no picture was written for this press"), std::string::npos);
+  EXPECT_EQ(countOf(html, "<img "), 8u - 4u);
+
+  // Text from the run is escaped wherever it goes.
+  kovane_replay::RunInfo odd = sampleRun(false);
+  odd.clip = "/clips/<script>alert('x')</script>&.mp4";
+  odd.degrade = "\"shake\"";
+  PressResult oddPress = r.presses[0];
+  oddPress.kind = "<b>kind</b>";
+  const std::string escaped = ReportWriter::reportHtml(odd, {oddPress}, Metrics::summarize({oddPress}), nullptr);
+  EXPECT_EQ(escaped.find("<script"), std::string::npos);
+  EXPECT_EQ(escaped.find("<b>kind"), std::string::npos);
+  EXPECT_NE(escaped.find("&lt;script&gt;alert(&#39;x&#39;)&lt;/script&gt;&amp;.mp4"), std::string::npos);
+  EXPECT_NE(escaped.find("&lt;b&gt;kind&lt;/b&gt;"), std::string::npos);
+  EXPECT_NE(escaped.find("picture missing"), std::string::npos);  // no picture source at all
+
+  // A replay without presses has a table of one row and says why.
+  const std::string empty = ReportWriter::reportHtml(sampleRun(false), {}, Metrics::summarize({}), nullptr);
+  EXPECT_NE(empty.find("No shutter presses in this replay."), std::string::npos);
+  EXPECT_EQ(countOf(empty, "<section"), 0u);
+}
+
+// Chromium shows the page: it logs nothing to the console, the screenshot is a real page, and
+// in a copy of the page with a probe script every picture is decoded and every chart has width.
+TEST(HtmlReportPage, OpensInHeadlessChromiumWithoutErrors) {
+  if (access(kChromium, X_OK) != 0) GTEST_SKIP() << kChromium << " is not installed";
+  WrittenReport r;
+  writeReport(r, true);
+  const std::string page = r.dir.file("report.html");
+  const std::string png = r.dir.file("shot.png");
+  ASSERT_EQ(runChromium(page, "--screenshot=" + png, r.dir.file("shot.out"), r.dir.file("shot.err")), 0)
+      << readFile(r.dir.file("shot.err"));
+  EXPECT_GT(fileSize(png), 40000) << "a screenshot of the whole page is more than a blank picture";
+  const std::string log = readFile(r.dir.file("shot.err"));
+  EXPECT_TRUE(consoleLines(log).empty()) << log;
+  // KOVANE_KEEP_REPORT=FILE keeps a copy of the page to look at.
+  if (const char* keep = std::getenv("KOVANE_KEEP_REPORT")) {
+    std::ifstream src(page, std::ios::binary);
+    std::ofstream dst(keep, std::ios::binary);
+    dst << src.rdbuf();
+  }
+
+  const std::string probe =
+      "<script>window.addEventListener('load',function(){"
+      "var ok=0,imgs=document.images;"
+      "for(var i=0;i<imgs.length;i++){if(imgs[i].complete&&imgs[i].naturalWidth>0)ok++;}"
+      "var w=0,s=document.querySelectorAll('svg.timeline');"
+      "for(var j=0;j<s.length;j++){if(s[j].getBoundingClientRect().width>500&&"
+      "s[j].querySelectorAll('polyline').length>=3)w++;}"
+      "document.body.setAttribute('data-probe',ok+'/'+imgs.length+' '+w+'/'+s.length);});</script>";
+  std::string probed = r.html;
+  const size_t end = probed.rfind("</body>");
+  ASSERT_NE(end, std::string::npos);
+  probed.insert(end, probe);
+  std::string error;
+  ASSERT_TRUE(ReportWriter::writeText(r.dir.file("probe.html"), probed, &error)) << error;
+  ASSERT_EQ(runChromium(r.dir.file("probe.html"), "--dump-dom", r.dir.file("dom.out"), r.dir.file("dom.err")), 0)
+      << readFile(r.dir.file("dom.err"));
+  const std::string dom = readFile(r.dir.file("dom.out"));
+  EXPECT_TRUE(consoleLines(readFile(r.dir.file("dom.err"))).empty()) << readFile(r.dir.file("dom.err"));
+  EXPECT_NE(dom.find("data-probe=\"6/6 3/3\""), std::string::npos) << dom.substr(0, dom.find("<main"));
+}
+
+// The chart of a press: one line per score, its markers, and notes where there is nothing to
+// mark or to draw.
+TEST(TimelineChart, DrawsTheScoresAndMarksThePicks) {
+  PressResult p = timelinePress(0, "defocus", 60, true);
+  std::string svg = kovane_replay::TimelineSvg::of(p);
+  EXPECT_EQ(svg.rfind("<svg class=\"timeline\"", 0), 0u);
+  EXPECT_EQ(countOf(svg, "<polyline"), 4u);  // sharpness, motion, eyes open, smile
+  EXPECT_NE(svg.find("sharpness (engine sob.mean)"), std::string::npos);
+  EXPECT_NE(svg.find("<title>engine pick: frame 57</title>"), std::string::npos);
+  EXPECT_NE(svg.find("<title>sharpest: frame 58</title>"), std::string::npos);
+  EXPECT_NE(svg.find("<title>shutter: frame 60</title>"), std::string::npos);
+  EXPECT_NE(svg.find("<title>window: frames 54"), std::string::npos);
+  EXPECT_EQ(countOf(svg, "<title>frame 6"), 2u);  // degraded frames 60 and 61; 59 just below
+  EXPECT_NE(svg.find("<title>frame 59: defocus 6.5</title>"), std::string::npos);
+
+  // Without the engine's record: the replay's own sharpness, no motion line; a pick outside
+  // the chart and a missing decision are written out.
+  p.engineScores.clear();
+  p.engineDecided = false;
+  p.engineFrame = -1;
+  p.baselineFrame = 90;
+  svg = kovane_replay::TimelineSvg::of(p);
+  EXPECT_NE(svg.find("sharpness (replay&#39;s measure)"), std::string::npos);
+  EXPECT_EQ(countOf(svg, "<polyline"), 3u);
+  EXPECT_NE(svg.find("frame 90, off the chart"), std::string::npos);
+  EXPECT_NE(svg.find("no engine decision: final = captured"), std::string::npos);
+
+  p.truth.clear();
+  EXPECT_EQ(kovane_replay::TimelineSvg::of(p).rfind("<p class=\"note\">", 0), 0u);
+}
