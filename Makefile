@@ -3,7 +3,7 @@
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps testdata build test test-asan test-tsan bench clean
+.PHONY: all deps testdata build test test-asan test-tsan bench demo eval clean
 
 all: build
 
@@ -33,6 +33,14 @@ test-tsan: deps testdata
 	cmake -S . -B build-tsan -DKOVANE_SANITIZE=thread -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
 	cmake --build build-tsan -j $(JOBS)
 	cd build-tsan && ctest --output-on-failure -j $(JOBS)
+
+# The replay tool on a real clip: build/demo/report.html and a summary table.
+demo: build testdata
+	./scripts/replay-demo.sh
+
+# The replay tool over EVAL_CLIPS with a fixed seed: one table, build/eval/summary.json.
+eval: build testdata
+	EVAL_CLIPS="$(EVAL_CLIPS)" ./scripts/replay-eval.sh
 
 bench: build
 	for b in build/bench/bench_*; do $$b; done

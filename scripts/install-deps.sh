@@ -10,7 +10,23 @@ PACKAGES=(
   libgtest-dev libgmock-dev                 # unit tests
   libbenchmark-dev                          # benchmarks under bench/
   ffmpeg                                    # remaking the test pictures when ../shared is absent
+  # The replay tool (tools/replay): decoding, faces, JPEG, JSON, command line, hashing, and a
+  # headless browser that checks its HTML report renders.
+  libavformat-dev libavcodec-dev libswscale-dev libavutil-dev
+  libdlib-dev libdlib-data
+  libturbojpeg0-dev nlohmann-json3-dev libcli11-dev libssl-dev
+  chromium
 )
+
+# The webcam clips come from the npm registry when no prepared test folder has them.
+root="$(cd "$(dirname "$0")/.." && pwd)"
+have_clips=0
+for d in "${KOVANE_TESTDATA:-}" "$root/../shared/testdata" "$root/build/testdata"; do
+  if [ -n "$d" ] && [ -s "$d/webcam_face_a_400x300_25fps.mp4" ] && [ -s "$d/webcam_face_b_400x300_25fps.mp4" ]; then
+    have_clips=1
+  fi
+done
+if [ "$have_clips" -eq 0 ]; then PACKAGES+=(npm); fi
 
 missing=()
 for p in "${PACKAGES[@]}"; do

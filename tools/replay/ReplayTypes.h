@@ -62,6 +62,9 @@ struct GyroSample {
   float x = 0.f, y = 0.f, z = 0.f;
 };
 
+// A blink degree at or above this reads as closed eyes.
+constexpr int kBlinkClosedDegree = 50;
+
 // Names of what can be wrong with a frame or a press. A press without any is "clean".
 namespace kind {
 constexpr const char* kClean = "clean";
@@ -171,9 +174,10 @@ struct RunInfo {
   uint64_t seed = 0;
   std::string pacing;          // how frames were paced, in words
   bool lateModeEntered = false;
-  int lateFrames = 0;          // frames the engine refused while late
+  int lateFrames = 0;          // presses whose statistics record says the engine was late
   int zslLent = 0, zslReturned = 0, zslDoubleReturns = 0, zslNotReturned = 0;
   int zslSkipped = 0;          // frames that got no ZSL buffer because the pool was empty
+  int zslRefused = 0;          // buffers the engine handed back in the call that lent them
   int jobsFinished = 0;        // engine-done callbacks
   bool engineDecides = false;  // at least one press got a best-shot decision
   double wallSeconds = 0.0;
