@@ -209,23 +209,30 @@ bool ReplayRunner::prepare(std::string* error) {
   }
   if (!decoder.setOutput(16, 16, ClipDecoder::FIT_CROP)) return fail(error, decoder.error());
 
-  // The engine has the last word on a preview size: one frame of that size, through the same
-  // calls a replay makes, must be accepted.
+  // The engine has the last word on a preview size. It drops a frame it cannot reduce without
+  // saying so to the caller, so the probe asks the way a camera can: two frames and a shutter
+  // press, whose statistics record lists the frames the engine kept.
   {
     CameraSimulator::Options probe;
     probe.width = mInfo.width;
     probe.height = mInfo.height;
-    probe.zslBuffers = 1;
+    probe.zslBuffers = 2;
     CameraSimulator cam(probe);
     if (!cam.start(error)) return false;
     Nv21Image grey;
     grey.allocate(mInfo.width, mInfo.height);
     std::fill(grey.data.begin(), grey.data.end(), 128);
-    const int rc = cam.feedFrame(grey, 1, 0, {}, {});
+    int rc = cam.feedFrame(grey, 1, 0, {}, {});
+    if (rc == 0) rc = cam.feedFrame(grey, 2, 33000, {}, {});
+    cam.takePicture(2, 33000);
+    cam.waitForStatistics(5000);
     cam.stop();
-    if (rc != 0) {
+    std::map<uint32_t, EngineFrameScores> kept;
+    const auto jobs = cam.jobs();
+    if (!jobs.empty()) readEngineScores(jobs[0].statisticsRecord, kept, nullptr);
+    if (rc != 0 || kept.empty()) {
       return fail(error, "the engine rejects preview size " + std::to_string(mInfo.width) + "x" +
-                             std::to_string(mInfo.height) + " (error " + std::to_string(rc) + ")");
+                             std::to_string(mInfo.height) + (rc != 0 ? " (error " + std::to_string(rc) + ")" : ""));
     }
   }
 

@@ -246,6 +246,16 @@ bool CameraSimulator::waitForJobs(int timeoutMs) {
   });
 }
 
+bool CameraSimulator::waitForStatistics(int timeoutMs) {
+  std::unique_lock<std::mutex> lock(mLock);
+  return mChanged.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] {
+    for (const Job& j : mJobs) {
+      if (!j.statistics) return false;
+    }
+    return true;
+  });
+}
+
 void CameraSimulator::stop() {
   if (!mEngine) return;
   flushMetadata();

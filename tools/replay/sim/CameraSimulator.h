@@ -91,6 +91,8 @@ class CameraSimulator {
   int takePicture(uint32_t frameId, int64_t timestampUs);
   // Waits until every job has its engine-done callback or the time is up; true when all did.
   bool waitForJobs(int timeoutMs);
+  // Waits until every job has its statistics record or the time is up; true when all did.
+  bool waitForStatistics(int timeoutMs);
   // Destroys the engine: every buffer still held must come back now.
   void stop();
 

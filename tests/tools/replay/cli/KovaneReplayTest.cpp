@@ -1,0 +1,181 @@
+// The kovane-replay program end to end on a real clip: its outputs have the documented shape,
+// every ZSL buffer it lends comes back exactly once, a hand shake it injects shows in the
+// engine's own sharpness scores, and bad input ends in one clear line and a non-zero exit.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "ReportWriter.h"
+#include "TestData.h"
+
+namespace {
+
+struct Result {
+  int status = -1;  // exit status, or -1 when the program did not exit normally
+  std::string out;
+  std::string err;
+};
+
+std::string readFile(const std::string& path) {
+  std::ifstream f(path);
+  std::stringstream s;
+  s << f.rdbuf();
+  return s.str();
+}
+
+std::string tempDir() {
+  char name[] = "/tmp/kovane_replay_XXXXXX";
+  return mkdtemp(name) ? name : "";
+}
+
+Result runReplay(const std::string& args) {
+  const std::string dir = tempDir();
+  const std::string cmd = std::string(KOVANE_REPLAY_BINARY) + " " + args + " >" + dir + "/out 2>" + dir + "/err";
+  const int rc = system(cmd.c_str());
+  Result r;
+  if (WIFEXITED(rc)) r.status = WEXITSTATUS(rc);
+  r.out = readFile(dir + "/out");
+  r.err = readFile(dir + "/err");
+  system(("rm -rf " + dir).c_str());
+  return r;
+}
+
+// The tool's own error lines (the engine may log on stderr too).
+std::vector<std::string> toolLines(const std::string& err) {
+  std::vector<std::string> lines;
+  std::istringstream in(err);
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("kovane-replay:", 0) == 0) lines.push_back(line);
+  }
+  return lines;
+}
+
+nlohmann::json readJson(const std::string& path) {
+  return nlohmann::json::parse(readFile(path), nullptr, false);
+}
+
+}  // namespace
+
+TEST(KovaneReplay, BadInputEndsInOneLineAndANonZeroExit) {
+  const std::string clip = kovane_test::testDataPath("webcam_face_b_400x300_25fps.mp4");
+  ASSERT_FALSE(clip.empty());
+  char junk[] = "/tmp/kovane_junk_XXXXXX";
+  const int fd = mkstemp(junk);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(write(fd, "not a clip at all\n", 18), 18);
+  close(fd);
+  const std::string common = " --out /tmp/kovane_replay_bad --faces none --quiet";
+  const struct {
+    std::string args;
+    std::string says;  // a word the error line must hold
+  } cases[] = {
+      {"/nonexistent/clip.mp4" + common, "/nonexistent/clip.mp4"},
+      {std::string(junk) + common, junk},
+      {clip + common + " --warmup 100", "warm-up"},
+      {clip + common + " --size 330x200", "330x200"},
+      {clip + common + " --shutter 99", "99"},
+      {clip + common + " --degrade blur", "blur"},
+      {clip + common + " --size 641x480", "--size"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args);
+    const Result r = runReplay(c.args);
+    EXPECT_GT(r.status, 0) << r.err;  // a normal exit with an error status, never a crash
+    const auto lines = toolLines(r.err);
+    ASSERT_EQ(lines.size(), 1u) << r.err;
+    EXPECT_NE(lines[0].find(c.says), std::string::npos) << lines[0];
+  }
+  unlink(junk);
+  system("rm -rf /tmp/kovane_replay_bad");
+}
+
+TEST(KovaneReplay, AReplayWritesValidOutputsReturnsEveryBufferAndSeesTheShake) {
+  const std::string clip = kovane_test::testDataPath("webcam_face_b_400x300_25fps.mp4");
+  ASSERT_FALSE(clip.empty());
+  const std::string out = tempDir();
+  const Result r = runReplay(clip + " --out " + out +
+                             " --faces none --until 12 --shutter auto:3 --degrade shake*2,defocus,exposure,noise "
+                             "--seed 3 --quiet");
+  ASSERT_EQ(r.status, 0) << r.err;
+
+  const nlohmann::json decisions = readJson(out + "/decisions.json");
+  const nlohmann::json summary = readJson(out + "/summary.json");
+  std::string error;
+  ASSERT_TRUE(kovane_replay::ReportWriter::validateDecisions(decisions, &error)) << error;
+  ASSERT_TRUE(kovane_replay::ReportWriter::validateSummary(summary, &error)) << error;
+
+  // The camera's books: every buffer lent came back, none twice.
+  const auto& run = decisions["run"];
+  EXPECT_GT(run["zsl_lent"].get<int>(), 250);
+  EXPECT_EQ(run["zsl_returned"], run["zsl_lent"]);
+  EXPECT_EQ(run["zsl_not_returned"], 0);
+  EXPECT_EQ(run["zsl_double_returns"], 0);
+
+  // Six presses; each has its pictures and its record.
+  const auto& presses = decisions["presses"];
+  ASSERT_EQ(presses.size(), 6u);
+  int shakes = 0;
+  for (const auto& p : presses) {
+    for (const char* file : {"captured_jpg", "final_jpg", "record_json"}) {
+      ASSERT_TRUE(p["files"][file].is_string()) << file;
+      EXPECT_EQ(access((out + "/" + p["files"][file].get<std::string>()).c_str(), R_OK), 0) << file;
+    }
+    if (p["kind"] != "shake") continue;
+    // The engine's sharpness of the shaken frames is below that of the clean frames before them.
+    double shaken = 0, clean = 0;
+    int nShaken = 0, nClean = 0;
+    for (const auto& t : p["timeline"]) {
+      if (t["engine"].is_null()) continue;
+      const double sob = t["engine"]["sob_mean"].get<double>();
+      if (t["truth"]["degradation"] == "shake") {
+        shaken += sob;
+        ++nShaken;
+      } else if (t["truth"]["degradation"] == "") {
+        clean += sob;
+        ++nClean;
+      }
+    }
+    ASSERT_GT(nShaken, 0);
+    ASSERT_GT(nClean, 3);
+    EXPECT_LT(shaken / nShaken, 0.95 * clean / nClean);
+    ++shakes;
+  }
+  EXPECT_EQ(shakes, 2);
+
+  // The page is one file: pictures inline, nothing fetched.
+  const std::string html = readFile(out + "/report.html");
+  EXPECT_NE(html.find("data:image/jpeg;base64,"), std::string::npos);
+  EXPECT_NE(html.find("<svg"), std::string::npos);
+  EXPECT_EQ(html.find("http://"), std::string::npos);
+  EXPECT_EQ(html.find("https://"), std::string::npos);
+  system(("rm -rf " + out).c_str());
+}
+
+// Several replays' summaries make one table whose rows add up.
+TEST(KovaneReplay, MergesSummariesOfSeveralReplays) {
+  const std::string clip = kovane_test::testDataPath("webcam_face_b_400x300_25fps.mp4");
+  ASSERT_FALSE(clip.empty());
+  const std::string a = tempDir(), b = tempDir(), m = tempDir();
+  ASSERT_EQ(runReplay(clip + " --out " + a + " --faces none --until 8 --shutter auto:2 --quiet").status, 0);
+  ASSERT_EQ(runReplay(clip + " --out " + b + " --faces none --until 8 --shutter none --degrade defocus*2 --quiet").status, 0);
+  const Result r = runReplay("--merge " + a + "/summary.json " + b + "/summary.json --out " + m);
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("defocus"), std::string::npos);
+  const nlohmann::json merged = readJson(m + "/summary.json");
+  std::string error;
+  ASSERT_TRUE(kovane_replay::ReportWriter::validateSummary(merged, &error)) << error;
+  const nlohmann::json sa = readJson(a + "/summary.json"), sb = readJson(b + "/summary.json");
+  EXPECT_EQ(merged["kinds"].back()["presses"].get<int>(),
+            sa["kinds"].back()["presses"].get<int>() + sb["kinds"].back()["presses"].get<int>());
+  EXPECT_EQ(merged["runs"].size(), 2u);
+  system(("rm -rf " + a + " " + b + " " + m).c_str());
+}
