@@ -3,6 +3,8 @@
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
+EVAL_CLIPS ?=
+
 .PHONY: all deps testdata build test test-asan test-tsan bench demo eval clean
 
 all: build
@@ -35,11 +37,13 @@ test-tsan: deps testdata
 	cd build-tsan && ctest --output-on-failure -j $(JOBS)
 
 # The replay tool on a real clip: build/demo/report.html and a summary table.
-demo: build testdata
+demo: deps build/Makefile testdata
+	cmake --build build --target kovane-replay -j $(JOBS)
 	./scripts/replay-demo.sh
 
 # The replay tool over EVAL_CLIPS with a fixed seed: one table, build/eval/summary.json.
-eval: build testdata
+eval: deps build/Makefile testdata
+	cmake --build build --target kovane-replay -j $(JOBS)
 	EVAL_CLIPS="$(EVAL_CLIPS)" ./scripts/replay-eval.sh
 
 bench: build

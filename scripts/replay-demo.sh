@@ -9,6 +9,7 @@ clip="${DEMO_CLIP:-$data/webcam_face_a_400x300_25fps.mp4}"
 out="$root/build/demo"
 rm -rf "$out"
 "$root/build/tools/kovane-replay" "$clip" --out "$out" --cache "$root/build/cache" \
-  --shutter auto:4,on-blinks --degrade blink,shake,defocus,exposure,noise --seed 7
+  --shutter auto:4,on-blinks --degrade blink,shake,defocus,exposure,noise --seed 7 \
+  2> >(grep -v '^KoEngine W' >&2)
 echo
 echo "report: $out/report.html"
