@@ -30,7 +30,7 @@ namespace kovane_replay {
 namespace {
 
 // Reach of a best shot around the shutter frame, as the engine's candidate list has it.
-constexpr int kWindowFrames = 6;
+constexpr int kWindowFrames = ShutterPlan::kWindowFrames;
 constexpr int64_t kWindowUs = 430000;
 // Frames shown around a press in the outputs.
 constexpr int kTimelineBefore = 14;
@@ -40,15 +40,6 @@ constexpr int kMaxDefaultWidth = 1280;
 constexpr int kMaxDefaultHeight = 720;
 
 int evenDown(double v) { return static_cast<int>(std::floor(v)) & ~1; }
-
-// The main face of a frame: the largest.
-const FaceRecord* mainFace(const std::vector<FaceRecord>& faces) {
-  const FaceRecord* best = nullptr;
-  for (const FaceRecord& f : faces) {
-    if (!best || f.width * f.height > best->width * best->height) best = &f;
-  }
-  return best;
-}
 
 bool makeDir(const std::string& path) {
   if (mkdir(path.c_str(), 0755) == 0) return true;
@@ -385,7 +376,7 @@ bool ReplayRunner::replay(std::string* error) {
       p.event.markTruth(i, truth);
     }
     if (!shaken) gyro = degrader.gyroQuiet(ts, intervalUs);
-    const FaceRecord* face = mainFace(faces);
+    const FaceRecord* face = ClipFaceAnalysis::mainFace(faces);
     truth.hasFace = face != nullptr;
     truth.blinkDegree = face ? face->blinkDegree() : 0;
     truth.smile = face ? face->smile : 0;

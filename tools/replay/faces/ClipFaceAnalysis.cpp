@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "FaceDetector.h"
+#include "ProgressLine.h"
 #include "FaceTrackFile.h"
 
 namespace kovane_replay {
@@ -27,49 +28,6 @@ const char* fitName(ClipDecoder::Fit fit) { return fit == ClipDecoder::FIT_CROP 
 std::string detectorName() {
   return "dlib frontal HOG + 68 landmarks, v" + std::to_string(ClipFaceAnalysis::kDetectorVersion);
 }
-
-// "faces: 400/1337 frames, 52.1 frames/s, 18 s left", redrawn in place at most 4 times a second.
-class Progress {
- public:
-  Progress(int total, bool enabled)
-      : mTotal(total), mEnabled(enabled && isatty(STDERR_FILENO) == 1),
-        mStart(std::chrono::steady_clock::now()) {}
-  ~Progress() { finish(); }
-
-  void update(int done) {
-    if (!mEnabled) return;
-    const auto now = std::chrono::steady_clock::now();
-    if (mDrawn && now - mLast < std::chrono::milliseconds(250)) return;
-    mLast = now;
-    mDrawn = true;
-    const double s = std::chrono::duration<double>(now - mStart).count();
-    const double rate = s > 0.0 ? done / s : 0.0;
-    char line[160];
-    if (mTotal > 0 && rate > 0.0) {
-      std::snprintf(line, sizeof(line), "\rfaces: %d/%d frames, %.1f frames/s, %.0f s left   ", done,
-                    mTotal, rate, std::max(0, mTotal - done) / rate);
-    } else {
-      std::snprintf(line, sizeof(line), "\rfaces: %d frames, %.1f frames/s   ", done, rate);
-    }
-    std::fputs(line, stderr);
-    std::fflush(stderr);
-  }
-
-  void finish() {
-    if (mEnabled && mDrawn) {
-      std::fputs("\n", stderr);
-      std::fflush(stderr);
-    }
-    mDrawn = false;
-    mEnabled = false;
-  }
-
- private:
-  int mTotal;
-  bool mEnabled;
-  bool mDrawn = false;
-  std::chrono::steady_clock::time_point mStart, mLast;
-};
 
 // Frames flow from the decoding thread through a short queue to the detection workers; each
 // worker has its own FaceDetector. Everything the threads share is under `lock`.
@@ -140,7 +98,7 @@ bool detectAndTrack(ClipDecoder& decoder, const std::string& clipPath, bool prog
 
   const int hint = decoder.info().frameCountHint;
   const int total = last >= 0 ? last - first + 1 : (hint > first ? hint - first : 0);
-  Progress bar(total, progress);
+  ProgressLine bar("faces", total, progress);
   int frames = 0;  // frames decoded, including those before `first`
   ClipFrame frame;
   while ((last < 0 || frames <= last) && decoder.next(frame)) {

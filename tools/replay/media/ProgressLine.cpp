@@ -17,12 +17,16 @@ bool ProgressLine::stderrIsTerminal() { return isatty(STDERR_FILENO) == 1; }
 void ProgressLine::update(int done) {
   if (!mEnabled) return;
   const auto now = std::chrono::steady_clock::now();
-  if (done < mTotal && now - mLastDraw < std::chrono::milliseconds(200)) return;
+  if (mOpen && done != mTotal && now - mLastDraw < std::chrono::milliseconds(250)) return;
   mLastDraw = now;
   const double elapsed = std::chrono::duration<double>(now - mStart).count();
   const double rate = elapsed > 0 ? done / elapsed : 0.0;
   const double left = rate > 0 && mTotal > done ? (mTotal - done) / rate : 0.0;
-  fprintf(stderr, "\r%s: %d/%d frames, %.0f frames/s, %.0f s left   ", mLabel.c_str(), done, mTotal, rate, left);
+  if (mTotal > 0 && rate > 0.0) {
+    fprintf(stderr, "\r%s: %d/%d frames, %.1f frames/s, %.0f s left   ", mLabel.c_str(), done, mTotal, rate, left);
+  } else {
+    fprintf(stderr, "\r%s: %d frames, %.1f frames/s   ", mLabel.c_str(), done, rate);
+  }
   fflush(stderr);
   mOpen = true;
 }

@@ -1,6 +1,6 @@
 #pragma once
 // A one-line progress report on stderr (frames done, frames per second, time left), redrawn in
-// place. Quiet when stderr is not a terminal, so logs and CI output stay clean.
+// place at most four times a second. A total of 0 means unknown. Quiet when stderr is not a terminal, so logs and CI output stay clean.
 #include <chrono>
 #include <string>
 
