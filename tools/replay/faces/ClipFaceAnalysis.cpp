@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
@@ -135,8 +136,17 @@ bool detectAndTrack(ClipDecoder& decoder, const std::string& clipPath, bool prog
   return true;
 }
 
+// Where faces are detected: a preview larger than the clip (a small webcam clip replayed at
+// 640x480) adds no detail, only interpolation that shifts the landmarks, so such a clip is
+// decoded at its own scale with the preview's framing and the records are scaled up to the
+// preview afterwards. Eye and mouth ratios do not change with the scale.
+struct DetectionGeometry {
+  int previewWidth = 0, previewHeight = 0;
+  double scaleX = 1.0, scaleY = 1.0;  // preview pixels per detection pixel
+};
+
 bool openClip(ClipDecoder& decoder, const std::string& clipPath,
-              const ClipFaceAnalysis::Options& opt, std::string* error) {
+              const ClipFaceAnalysis::Options& opt, DetectionGeometry& geo, std::string* error) {
   if ((opt.width == 0) != (opt.height == 0) || opt.width < 0 || opt.height < 0) {
     if (error) *error = "preview size " + std::to_string(opt.width) + "x" + std::to_string(opt.height) + " is not valid";
     return false;
@@ -145,7 +155,43 @@ bool openClip(ClipDecoder& decoder, const std::string& clipPath,
     if (error) *error = decoder.error();
     return false;
   }
+  geo.previewWidth = decoder.outputWidth();
+  geo.previewHeight = decoder.outputHeight();
+  const double sx = static_cast<double>(geo.previewWidth) / decoder.info().width;
+  const double sy = static_cast<double>(geo.previewHeight) / decoder.info().height;
+  const double scale = opt.fit == ClipDecoder::FIT_CROP ? std::max(sx, sy) : std::min(sx, sy);
+  if (scale > 1.0) {
+    const int w = std::max(16, static_cast<int>(std::lround(geo.previewWidth / scale)) & ~1);
+    const int h = std::max(16, static_cast<int>(std::lround(geo.previewHeight / scale)) & ~1);
+    if (!decoder.setOutput(w, h, opt.fit)) {
+      if (error) *error = decoder.error();
+      return false;
+    }
+    geo.scaleX = static_cast<double>(geo.previewWidth) / w;
+    geo.scaleY = static_cast<double>(geo.previewHeight) / h;
+  }
   return true;
+}
+
+// Records of the detection picture in preview pixels.
+void toPreview(const DetectionGeometry& geo, ClipFaces& faces) {
+  if (geo.scaleX == 1.0 && geo.scaleY == 1.0) return;
+  auto sx = [&](int v) { return static_cast<int>(std::lround(v * geo.scaleX)); };
+  auto sy = [&](int v) { return static_cast<int>(std::lround(v * geo.scaleY)); };
+  for (auto& frame : faces) {
+    for (FaceRecord& f : frame) {
+      f.left = sx(f.left);
+      f.top = sy(f.top);
+      f.width = sx(f.width);
+      f.height = sy(f.height);
+      f.leftEyeX = sx(f.leftEyeX);
+      f.leftEyeY = sy(f.leftEyeY);
+      f.rightEyeX = sx(f.rightEyeX);
+      f.rightEyeY = sy(f.rightEyeY);
+      f.mouthX = sx(f.mouthX);
+      f.mouthY = sy(f.mouthY);
+    }
+  }
 }
 
 }  // namespace
@@ -203,8 +249,11 @@ bool ClipFaceAnalysis::analyseRange(const std::string& clipPath, const Options& 
     return false;
   }
   ClipDecoder decoder;
-  if (!openClip(decoder, clipPath, opt, error)) return false;
-  return detectAndTrack(decoder, clipPath, opt.progress, first, last, out, error);
+  DetectionGeometry geo;
+  if (!openClip(decoder, clipPath, opt, geo, error)) return false;
+  if (!detectAndTrack(decoder, clipPath, opt.progress, first, last, out, error)) return false;
+  toPreview(geo, out);
+  return true;
 }
 
 bool ClipFaceAnalysis::analyse(const std::string& clipPath, const Options& opt, ClipFaces& out,
@@ -212,9 +261,10 @@ bool ClipFaceAnalysis::analyse(const std::string& clipPath, const Options& opt, 
   out.clear();
   if (fromCache) *fromCache = false;
   ClipDecoder decoder;
-  if (!openClip(decoder, clipPath, opt, error)) return false;
-  const int width = decoder.outputWidth();
-  const int height = decoder.outputHeight();
+  DetectionGeometry geo;
+  if (!openClip(decoder, clipPath, opt, geo, error)) return false;
+  const int width = geo.previewWidth;
+  const int height = geo.previewHeight;
 
   std::string cachePath;
   FaceTrackFile::Meta meta;
@@ -241,6 +291,7 @@ bool ClipFaceAnalysis::analyse(const std::string& clipPath, const Options& opt, 
   }
 
   if (!detectAndTrack(decoder, clipPath, opt.progress, 0, -1, out, error)) return false;
+  toPreview(geo, out);
 
   if (!cachePath.empty()) {
     std::error_code ec;

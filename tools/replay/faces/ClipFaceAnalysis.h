@@ -2,7 +2,9 @@
 // The face records of a whole clip, as a phone's face detector would report them while the
 // clip plays at the replay's preview size: dlib finds the faces and landmarks of every frame
 // (FaceDetector, on up to kMaxWorkers threads), FaceTracker gives them stable ids and derives
-// the blink and smile degrees per tracked face.
+// the blink and smile degrees per tracked face. A preview larger than the clip is not detected
+// on: the clip is decoded at its own scale with the preview's framing, and the records are
+// scaled up to preview pixels.
 //
 // Detection takes tens of milliseconds a frame, so the result of a clip is kept in a cache
 // folder as a face records file (FaceTrackFile). Its key is the clip's content (SHA-256 of the
@@ -31,7 +33,7 @@ class ClipFaceAnalysis {
  public:
   // Bump whenever the detection, the landmarks or the degree constants change: cached results
   // of older versions are then ignored.
-  static constexpr int kDetectorVersion = 1;
+  static constexpr int kDetectorVersion = 2;
   static constexpr int kClosedDegree = FaceTracker::kClosedDegree;
   static constexpr int kMaxWorkers = 2;
 

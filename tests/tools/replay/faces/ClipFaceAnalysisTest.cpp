@@ -265,6 +265,31 @@ TEST(ClipFaceAnalysis, ClipAReadsHandLabelledBlinksWithOneStableId) {
   EXPECT_EQ(ClipFaceAnalysis::findBlinks(faces).size(), kLabelsA.blinks.size());
 }
 
+// The replay feeds the 400x300 clips at 640x480: the faces found there are the clip's own,
+// scaled to preview pixels, with the same degrees, so the hand labels hold at that size too.
+TEST(ClipFaceAnalysis, APreviewLargerThanTheClipGetsTheClipsFacesScaledUp) {
+  const std::string clip = kovane_test::testDataPath(kClipA);
+  ASSERT_FALSE(clip.empty());
+  ClipFaces own, large;
+  std::string error;
+  ClipFaceAnalysis::Options big = preview();
+  big.width = 640;
+  big.height = 480;
+  ASSERT_TRUE(ClipFaceAnalysis::analyseRange(clip, preview(), 760, 790, own, &error)) << error;
+  ASSERT_TRUE(ClipFaceAnalysis::analyseRange(clip, big, 760, 790, large, &error)) << error;
+  ASSERT_EQ(own.size(), large.size());
+  for (size_t i = 760; i < own.size(); ++i) {
+    ASSERT_EQ(own[i].size(), large[i].size()) << i;
+    for (size_t k = 0; k < own[i].size(); ++k) {
+      EXPECT_EQ(own[i][k].leftBlink, large[i][k].leftBlink) << i;
+      EXPECT_EQ(own[i][k].rightBlink, large[i][k].rightBlink) << i;
+      EXPECT_NEAR(large[i][k].width, own[i][k].width * 1.6, 1.0) << i;
+      EXPECT_NEAR(large[i][k].leftEyeX, own[i][k].leftEyeX * 1.6, 1.0) << i;
+    }
+  }
+  EXPECT_GE(large[774].front().blinkDegree(), ClipFaceAnalysis::kClosedDegree);
+}
+
 TEST(ClipFaceAnalysis, ClipBReadsHandLabelledBlinkWithOneStableId) {
   const std::string clip = kovane_test::testDataPath(kClipB);
   ASSERT_FALSE(clip.empty());
