@@ -9,7 +9,6 @@
 #include "ClipDecoder.h"
 #include "KoStatsReader.h"
 #include "TestData.h"
-#include "TestWait.h"
 
 using kovane_replay::CameraSimulator;
 using kovane_replay::ClipDecoder;
@@ -50,11 +49,7 @@ TEST(CameraSimulator, EveryBufferComesBackOnceAndPressesGetTheirRecords) {
     }
   }
   // The statistics record comes at the press, whatever becomes of the best shot.
-  ASSERT_TRUE(kovane_test::waitUntil([&] {
-    for (const auto& j : cam.jobs())
-      if (!j.statistics) return false;
-    return true;
-  }, 20000));
+  ASSERT_TRUE(cam.waitForStatistics(20000));
   cam.waitForJobs(200);
   cam.stop();
 
