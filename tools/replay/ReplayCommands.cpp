@@ -1,8 +1,7 @@
 #include "ReplayCommands.h"
 
-#include <sys/stat.h>
-
 #include <cstdlib>
+#include <filesystem>
 
 #include "ClipDecoder.h"
 #include "ClipFaceAnalysis.h"
@@ -37,7 +36,12 @@ bool ReplayCommands::mergeSummaries(const std::vector<std::string>& files, const
     tables.push_back(rows);
   }
   const std::vector<KindSummary> merged = Metrics::merge(tables);
-  mkdir(outDir.c_str(), 0755);
+  std::error_code ec;
+  std::filesystem::create_directories(outDir, ec);
+  if (ec) {
+    if (error) *error = "cannot make " + outDir + ": " + ec.message();
+    return false;
+  }
   if (!ReportWriter::writeMerged(outDir, runs, merged, error)) return false;
   if (print) {
     printf("%d replays, %d presses\n\n", static_cast<int>(runs.size()),

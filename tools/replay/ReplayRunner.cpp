@@ -1,10 +1,9 @@
 #include "ReplayRunner.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <thread>
@@ -41,29 +40,17 @@ constexpr int kMaxDefaultHeight = 720;
 
 int evenDown(double v) { return static_cast<int>(std::floor(v)) & ~1; }
 
-bool makeDir(const std::string& path) {
-  if (mkdir(path.c_str(), 0755) == 0) return true;
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-bool makeDirs(const std::string& path) {
-  for (size_t pos = 1; pos != std::string::npos && pos < path.size();) {
-    pos = path.find('/', pos);
-    if (pos == std::string::npos) break;
-    makeDir(path.substr(0, pos));
-    ++pos;
-  }
-  return makeDir(path);
-}
-
-// Per-frame scores as the engine printed them in one statistics record, by frame id.
+// Per-frame scores as the engine printed them in one statistics record, by frame id; with the
+// session row's library version and late flag when asked for.
 void readEngineScores(const std::vector<uint8_t>& record, std::map<uint32_t, EngineFrameScores>& out,
-                      std::string* version) {
+                      std::string* version = nullptr, bool* late = nullptr) {
   if (record.empty()) return;
   android::KoStatsReader reader;
   reader.parse(record.data(), record.size());
-  if (version && reader.hasSession()) *version = reader.session().getText("libKoCoreVersion");
+  if (reader.hasSession()) {
+    if (version) *version = reader.session().getText("libKoCoreVersion");
+    if (late) *late = reader.session().getInt("isLateMode") != 0;
+  }
   for (const auto& row : reader.frames()) {
     EngineFrameScores s;
     s.frameId = static_cast<uint32_t>(row.getInt("frame_id"));
@@ -172,6 +159,13 @@ struct ReplayRunner::Impl {
   std::vector<CameraSimulator::Job> jobs;
   CameraSimulator::Books books;
   ClipDecoder::Fit fit = ClipDecoder::FIT_CROP;
+
+  const CameraSimulator::Job* jobFor(int jobId) const {
+    for (const auto& j : jobs) {
+      if (j.jobId == jobId) return &j;
+    }
+    return nullptr;
+  }
 };
 
 }  // namespace kovane_replay
@@ -220,7 +214,7 @@ bool ReplayRunner::prepare(std::string* error) {
     cam.stop();
     std::map<uint32_t, EngineFrameScores> kept;
     const auto jobs = cam.jobs();
-    if (!jobs.empty()) readEngineScores(jobs[0].statisticsRecord, kept, nullptr);
+    if (!jobs.empty()) readEngineScores(jobs[0].statisticsRecord, kept);
     if (rc != 0 || kept.empty()) {
       return fail(error, "the engine rejects preview size " + std::to_string(mInfo.width) + "x" +
                              std::to_string(mInfo.height) + (rc != 0 ? " (error " + std::to_string(rc) + ")" : ""));
@@ -426,28 +420,20 @@ void ReplayRunner::collect() {
     r.shutterFrame = p.plan.frame;
     r.shutterTimeUs = mTimesUs[p.plan.frame];
     pressWindow(mTimesUs, r.shutterFrame, r.windowFirst, r.windowLast);
-    // A clean press that lands on a blink the face module reads is counted as a natural blink.
-    if (r.kind == kind::kClean && mTruth[r.shutterFrame].naturalBlink) r.kind = kind::kNaturalBlink;
 
-    const CameraSimulator::Job* job = nullptr;
-    for (const auto& j : mImpl->jobs) {
-      if (j.jobId == p.jobId) job = &j;
-    }
+    const CameraSimulator::Job* job = mImpl->jobFor(p.jobId);
     std::map<uint32_t, EngineFrameScores> scores;
     r.finalFrame = r.shutterFrame;
     if (job) {
       r.statisticsReceived = job->statistics;
       r.engineDone = job->engineDone;
       if (job->engineDone) mInfo.jobsFinished++;
-      readEngineScores(job->statisticsRecord, scores, &mInfo.engineVersion);
-      readEngineScores(job->bestShotRecord, scores, nullptr);
-      if (!job->statisticsRecord.empty()) {
-        android::KoStatsReader reader;
-        reader.parse(job->statisticsRecord.data(), job->statisticsRecord.size());
-        if (reader.hasSession() && reader.session().getInt("isLateMode") != 0) {
-          mInfo.lateFrames++;
-          mInfo.lateModeEntered = true;
-        }
+      bool late = false;
+      readEngineScores(job->statisticsRecord, scores, &mInfo.engineVersion, &late);
+      readEngineScores(job->bestShotRecord, scores);
+      if (late) {
+        mInfo.lateFrames++;
+        mInfo.lateModeEntered = true;
       }
       if (job->bestShotDone) {
         r.engineDecided = true;
@@ -486,18 +472,18 @@ void ReplayRunner::collect() {
 
 bool ReplayRunner::writeOutputs(std::string* error) {
   const std::string& out = mOptions.outDir;
-  if (!makeDirs(out)) return fail(error, "cannot make the output folder " + out);
+  std::error_code ec;
+  std::filesystem::create_directories(out, ec);
+  if (ec) return fail(error, "cannot make the output folder " + out + ": " + ec.message());
   for (size_t n = 0; n < mPresses.size(); ++n) {
     PressResult& r = mPresses[n];
     const Impl::Press& p = mImpl->presses[n];
     char name[32];
     snprintf(name, sizeof(name), "capture-%02d", r.index + 1);
     const std::string dir = out + "/" + name;
-    if (!makeDir(dir)) return fail(error, "cannot make " + dir);
-    const CameraSimulator::Job* job = nullptr;
-    for (const auto& j : mImpl->jobs) {
-      if (j.jobId == p.jobId) job = &j;
-    }
+    std::filesystem::create_directory(dir, ec);
+    if (ec) return fail(error, "cannot make " + dir + ": " + ec.message());
+    const CameraSimulator::Job* job = mImpl->jobFor(p.jobId);
     if (!job) continue;
     std::string jpegError;
     if (!job->captured.empty() &&

@@ -223,19 +223,4 @@ bool ClipDecoder::next(ClipFrame& out) {
   return false;
 }
 
-bool ClipDecoder::decodeAll(const std::string& path, int width, int height, Fit fit,
-                            std::vector<ClipFrame>& out, std::string* error, double fps) {
-  ClipDecoder decoder;
-  out.clear();
-  bool ok = decoder.open(path) && decoder.setOutput(width, height, fit);
-  if (ok) {
-    decoder.overrideFps(fps);
-    ClipFrame frame;
-    while (decoder.next(frame)) out.push_back(std::move(frame));
-    ok = decoder.error().empty();
-  }
-  if (!ok && error) *error = decoder.error();
-  return ok;
-}
-
 }  // namespace kovane_replay

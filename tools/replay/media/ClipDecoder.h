@@ -48,10 +48,6 @@ class ClipDecoder {
   int outputWidth() const { return mOutWidth; }
   int outputHeight() const { return mOutHeight; }
 
-  // Decodes the whole clip at a size; frames in order. False with the reason in *error.
-  static bool decodeAll(const std::string& path, int width, int height, Fit fit,
-                        std::vector<ClipFrame>& out, std::string* error, double fps = 0.0);
-
  private:
   struct State;
   bool fail(const std::string& text);

@@ -60,21 +60,4 @@ bool JpegWriter::write(const Nv21Image& image, const std::string& path, int qual
   return true;
 }
 
-bool JpegWriter::decodeGrey(const std::vector<uint8_t>& jpeg, int& width, int& height,
-                            std::vector<uint8_t>& grey, std::string* error) {
-  tjhandle handle = tjInitDecompress();
-  if (!handle) return setError(error, "cannot start the JPEG decoder");
-  int subsamp = 0, colorspace = 0;
-  bool ok = tjDecompressHeader3(handle, jpeg.data(), static_cast<unsigned long>(jpeg.size()), &width, &height,
-                                &subsamp, &colorspace) == 0;
-  if (ok) {
-    grey.resize(static_cast<size_t>(width) * height);
-    ok = tjDecompress2(handle, jpeg.data(), static_cast<unsigned long>(jpeg.size()), grey.data(), width, 0,
-                       height, TJPF_GRAY, 0) == 0;
-  }
-  if (!ok) setError(error, std::string("not a readable JPEG: ") + tjGetErrorStr2(handle));
-  tjDestroy(handle);
-  return ok;
-}
-
 }  // namespace kovane_replay

@@ -14,9 +14,6 @@ class JpegWriter {
   static bool encode(const Nv21Image& image, int quality, std::vector<uint8_t>& out, std::string* error);
   // Encodes and writes to a file.
   static bool write(const Nv21Image& image, const std::string& path, int quality, std::string* error);
-  // Decodes a JPEG into 8-bit grey (for checks); false when it is not a JPEG.
-  static bool decodeGrey(const std::vector<uint8_t>& jpeg, int& width, int& height,
-                         std::vector<uint8_t>& grey, std::string* error);
 };
 
 }  // namespace kovane_replay

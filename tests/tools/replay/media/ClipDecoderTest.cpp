@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <turbojpeg.h>
 #include <unistd.h>
 
 #include "ClipDecoder.h"
@@ -28,6 +29,34 @@ double meanRect(const kovane_replay::Nv21Image& img, int x0, int y0, int w, int 
   for (int y = y0; y < y0 + h; ++y)
     for (int x = x0; x < x0 + w; ++x) s += img.y()[static_cast<size_t>(y) * img.width + x];
   return s / (static_cast<double>(w) * h);
+}
+
+// Every frame of a clip at a size.
+bool decodeAll(const std::string& path, int width, int height, std::vector<ClipFrame>& out, std::string* error) {
+  ClipDecoder d;
+  if (!d.open(path) || !d.setOutput(width, height, ClipDecoder::FIT_CROP)) {
+    *error = d.error();
+    return false;
+  }
+  ClipFrame f;
+  while (d.next(f)) out.push_back(std::move(f));
+  *error = d.error();
+  return error->empty();
+}
+
+// A JPEG decoded to grey by libturbojpeg; false when it is not a readable JPEG.
+bool decodeGrey(const std::vector<uint8_t>& jpeg, int& width, int& height, std::vector<uint8_t>& grey) {
+  tjhandle handle = tjInitDecompress();
+  int subsamp = 0, colorspace = 0;
+  bool ok = tjDecompressHeader3(handle, jpeg.data(), static_cast<unsigned long>(jpeg.size()), &width, &height,
+                                &subsamp, &colorspace) == 0;
+  if (ok) {
+    grey.resize(static_cast<size_t>(width) * height);
+    ok = tjDecompress2(handle, jpeg.data(), static_cast<unsigned long>(jpeg.size()), grey.data(), width, 0,
+                       height, TJPF_GRAY, 0) == 0;
+  }
+  tjDestroy(handle);
+  return ok;
 }
 
 }  // namespace
@@ -57,7 +86,7 @@ TEST(ClipDecoder, ReadsTheClipWithItsTimesAtAnySize) {
   // letterbox puts black bars left and right of a 480x360 picture.
   std::vector<ClipFrame> crop, box, own;
   std::string error;
-  ASSERT_TRUE(ClipDecoder::decodeAll(clip, 640, 480, ClipDecoder::FIT_CROP, own, &error)) << error;
+  ASSERT_TRUE(decodeAll(clip, 640, 480, own, &error)) << error;
   EXPECT_EQ(own.size(), 1337u);
   d.open(clip);
   ASSERT_TRUE(d.setOutput(640, 360, ClipDecoder::FIT_CROP));
@@ -121,7 +150,7 @@ TEST(JpegWriter, EncodesAFrameThatDecodesToTheSamePicture) {
   EXPECT_EQ(jpeg[1], 0xD8);
   int w = 0, h = 0;
   std::vector<uint8_t> grey;
-  ASSERT_TRUE(JpegWriter::decodeGrey(jpeg, w, h, grey, &error)) << error;
+  ASSERT_TRUE(decodeGrey(jpeg, w, h, grey));
   ASSERT_EQ(w, 1280);
   ASSERT_EQ(h, 720);
   double err = 0;
@@ -132,5 +161,5 @@ TEST(JpegWriter, EncodesAFrameThatDecodesToTheSamePicture) {
   kovane_replay::Nv21Image empty;
   EXPECT_FALSE(JpegWriter::encode(empty, 90, jpeg, &error));
   EXPECT_FALSE(JpegWriter::write(f.image, "/nonexistent/dir/x.jpg", 90, &error));
-  EXPECT_FALSE(JpegWriter::decodeGrey({1, 2, 3}, w, h, grey, &error));
+  EXPECT_FALSE(decodeGrey({1, 2, 3}, w, h, grey));
 }
