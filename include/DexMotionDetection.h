@@ -5,7 +5,13 @@
 #include <cstdint>
 #include <vector>
 
+#include <utils/Vector.h>
+
+#include "DexCameraMotion.h"
+
 namespace android {
+
+class KoFrameHistSnapshot;
 
 class DexMotionDetection {
  public:
@@ -48,6 +54,13 @@ class DexMotionDetection {
   // untouched) for null view/result or a bad stride.
   int processMEPerFrame(const uint8_t* view, const void* unused1, const void* unused2,
                         const void* unused3, void* scratch, int stride, void* result);
+
+  // Whether the capture is worth a video clip: a value above 0.0 (up to 1.0) when the frames
+  // of the snapshot around the captured index show subject motion without a hard camera pan,
+  // 0.0 otherwise. camMotion holds the camera-motion classification of the snapshot's span;
+  // count is the snapshot's item count.
+  float KoMotionDecision(KoFrameHistSnapshot* snapshot, Vector<KO_camMotionType_t>& camMotion,
+                         int count, int capturedIndex);
 
  private:
   int mMaxWidth;

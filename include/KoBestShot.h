@@ -3,7 +3,12 @@
 #include <cstddef>
 #include <cstdint>
 
+#include <utils/Vector.h>
+
 namespace android {
+
+struct KoSequenceData;
+class KoFrameHistBase;
 
 class KoBestShot {
  public:
@@ -24,6 +29,36 @@ class KoBestShot {
   static int compare(const BSScore* lhs, const BSScore* rhs);       // on bsScore
   static int compareFaces(const BSScore* lhs, const BSScore* rhs);  // on facesScore
   static int compareFE(const BSScore* lhs, const BSScore* rhs);     // on feScore
+
+  KoBestShot();
+  ~KoBestShot();
+
+  // Foreground pass, run on every kept preview frame. `job` is the foreground's temporary
+  // sequence whose snapshot is the live history and whose captured index is the newest frame.
+  // Scores the newest frames of the snapshot (rescoring the last few, whose face records may
+  // have arrived since the previous pass), writes each frame's mFeScore, mAuxScore,
+  // mFacesScore and mBsScore, and keeps their score records for getBestShotList.
+  // missingFaceDataMode: face records are not arriving; frames without them are scored as
+  // "faces unknown" (0.0) rather than "no face". Returns 0, or -1 for a job without snapshot.
+  int findFrameInFG(KoSequenceData* job, bool missingFaceDataMode);
+
+  // Background pass over a whole capture sequence: scores every frame of its snapshot, fills
+  // job->mBestShotScores and, when a frame near the capture beats the captured one, the main
+  // result job->mBestShotInfo[0]. Returns 0, or -1 for a job without snapshot.
+  int findFrame(KoSequenceData* job);
+
+  // The score records of the last pass, oldest frame first (replaces out's contents).
+  // Returns the number of records.
+  int getBestShotList(Vector<BSScore>& out);
+
+  // Non-zero when the frame at `index` of `hist` shows a face that matters to the picture.
+  static int isFaceScene(unsigned int index, KoFrameHistBase* hist);
+
+ private:
+  Vector<BSScore> mScores;
+
+  KoBestShot(const KoBestShot&) = delete;
+  KoBestShot& operator=(const KoBestShot&) = delete;
 };
 
 static_assert(sizeof(KoBestShot::BSScore) == 32, "BSScore is 32 bytes");

@@ -11,6 +11,11 @@ class KoFaceIdBasedData {
   explicit KoFaceIdBasedData(KoFrameHistSnapshot* snapshot);
   virtual ~KoFaceIdBasedData();
 
+  // Tracks every face id over the snapshot (eyes and smile frame by frame) and writes each
+  // frame's predicted-blink count into its face block (KoFaceBlock_t::numBlinkedPredicted).
+  // Returns the number of frames that hold a predicted blink, or -1 without a snapshot.
+  int populateFaceIdBasedData();
+
  protected:
   KoFrameHistSnapshot* mSnapshot;
 

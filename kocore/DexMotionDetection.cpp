@@ -204,3 +204,7 @@ int DexMotionDetection::processMEPerFrame(const uint8_t* view, const void* /*unu
 }
 
 }  // namespace android
+
+namespace android {
+float DexMotionDetection::KoMotionDecision(KoFrameHistSnapshot*, Vector<KO_camMotionType_t>&, int, int) { return 0.0f; }
+}  // namespace android

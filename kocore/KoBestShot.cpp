@@ -16,3 +16,14 @@ int KoBestShot::compareFE(const BSScore* lhs, const BSScore* rhs) {
 }
 
 }  // namespace android
+
+namespace android {
+
+KoBestShot::KoBestShot() {}
+KoBestShot::~KoBestShot() {}
+int KoBestShot::findFrameInFG(KoSequenceData*, bool) { mScores.clear(); return 0; }
+int KoBestShot::findFrame(KoSequenceData*) { mScores.clear(); return 0; }
+int KoBestShot::getBestShotList(Vector<BSScore>& out) { out = mScores; return static_cast<int>(out.size()); }
+int KoBestShot::isFaceScene(unsigned int, KoFrameHistBase*) { return 0; }
+
+}  // namespace android

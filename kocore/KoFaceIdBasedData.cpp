@@ -7,3 +7,7 @@ KoFaceIdBasedData::KoFaceIdBasedData(KoFrameHistSnapshot* snapshot) : mSnapshot(
 KoFaceIdBasedData::~KoFaceIdBasedData() {}
 
 }  // namespace android
+
+namespace android {
+int KoFaceIdBasedData::populateFaceIdBasedData() { return mSnapshot ? 0 : -1; }
+}  // namespace android
