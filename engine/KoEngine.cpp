@@ -339,6 +339,8 @@ int KoEngine::handleTakePicture(KO_TakePicture_t* picture) {
 
 int KoEngine::handleGetParameters(KO_getParams_t* params) {
   if (!params) return 0;
+  // Under the engine lock: destruction clears mFg with the lock held.
+  pthread_mutex_lock(&mLock);
   if (mState == 2 || mFg == nullptr) {
     params->param1 = 0;
     params->param2 = 0;
@@ -346,6 +348,7 @@ int KoEngine::handleGetParameters(KO_getParams_t* params) {
     params->param1 = mFg->mReportedParam1;
     params->param2 = mFg->mReportedParam2;
   }
+  pthread_mutex_unlock(&mLock);
   return 0;
 }
 

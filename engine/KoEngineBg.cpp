@@ -54,9 +54,15 @@ void KoEngineBg::deinit_l() {
   if (pthread_cond_timedwait_relative_np(&mStopCond, &mLock, &rel) == ETIMEDOUT) {
     ALOG(LOG_WARN, LOG_TAG, "%s: timeout waiting for stop to complete", "deinit_l");
   }
-  mLooper->stop();
-  mLooper->unregisterHandler(id());
+  // After a time-out the looper may still be busy, or about to take mLock for the next queued
+  // message; stopping joins its thread, so the lock is let go meanwhile (the message then finds
+  // the stopping state and is dropped).
   mStarted = 0;
+  sp<ALooper> looper = mLooper;
+  pthread_mutex_unlock(&mLock);
+  looper->stop();
+  looper->unregisterHandler(id());
+  pthread_mutex_lock(&mLock);
 }
 
 void KoEngineBg::onMessageReceived(const sp<AMessage>& msg) {

@@ -104,9 +104,16 @@ void KoEngineFg::deinit_l() {
     // The wait releases mLock, so the looper works off everything queued before 'clea'.
     while (!mStopSignalled) pthread_cond_wait(&mStopCond, &mLock);
   }
-  mLooper->stop();
-  mLooper->unregisterHandler(id());
+  // Messages can still arrive after 'clea' (a completion this handler posted to itself, the
+  // encoder's 'vide'); the looper may be about to handle one, waiting for mLock. Stopping joins
+  // the looper thread, so the lock is let go meanwhile: such a message then finds the stopping
+  // state and returns.
   mLooperRunning = false;
+  sp<ALooper> looper = mLooper;
+  pthread_mutex_unlock(&mLock);
+  looper->stop();
+  looper->unregisterHandler(id());
+  pthread_mutex_lock(&mLock);
 }
 
 bool KoEngineFg::isMessageLate(const sp<AMessage>& msg) {

@@ -37,8 +37,11 @@ bool KoMemory::addZslBuffer(uint8_t* buffer, sp<KoMemoryBuffer>* out) {
   bufferItem_t* item = new bufferItem_t{STATUS_REGISTERED, 0, buffer};
   mBuffers.push_back(item);
   mCount++;
-  *out = new KoMemoryBuffer(this, buffer);
+  sp<KoMemoryBuffer> handle = new KoMemoryBuffer(this, buffer);
   pthread_mutex_unlock(&mLock);
+  // Assigned without the lock: a handle *out held before goes now, and its last reference
+  // hands its buffer back through returnZslBuffer, which takes mLock.
+  *out = handle;
   return true;
 }
 
