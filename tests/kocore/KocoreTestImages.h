@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -112,6 +113,25 @@ inline Plane contrast(const Plane& p, double gain, double offset) {
   Plane o = p;
   for (uint8_t& v : o.px) v = static_cast<uint8_t>(std::clamp(std::lround(v * gain + offset), 0L, 255L));
   return o;
+}
+
+// Additive Gaussian noise of `sigma` grey levels (sensor noise), rounded and clamped.
+inline Plane noisy(const Plane& p, double sigma, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::normal_distribution<double> noise(0.0, sigma);
+  Plane o = p;
+  for (uint8_t& v : o.px) v = static_cast<uint8_t>(std::clamp(std::lround(v + noise(rng)), 0L, 255L));
+  return o;
+}
+
+// A grey PGM picture as a plane (the portraits serve as their own analysis view).
+inline Plane pgmPlane(const std::string& name) {
+  const kovane_test::GreyImage g = kovane_test::readPgm(name);
+  Plane p;
+  p.w = g.width;
+  p.h = g.height;
+  p.px = g.pixels;
+  return p;
 }
 
 }  // namespace kocore_test
