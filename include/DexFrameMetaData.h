@@ -26,7 +26,7 @@ class DexFrameMetaData {
     int32_t dx;           // best shift of B against A: B(x + dx, y + dy) matches A(x, y)
     int32_t dy;
     int32_t searchRange;  // +/- range searched, in analysis pixels (<= 0: 40)
-    float a;              // mean absolute luma difference at zero shift
+    float a;              // mean absolute luma difference at zero shift (grey levels)
     float b;              // mean absolute luma difference at the best shift
   };
   static_assert(sizeof(xyShift) == 20, "xyShift is read by word");
@@ -60,7 +60,10 @@ class DexFrameMetaData {
   // smallB their 2x reductions (sw x sh, stride sw). The search runs exhaustively on a further
   // 2x reduction of the small images, is refined on the small images and then on the views.
   // Differences are taken over the central window that stays inside both images for every
-  // shift in range. Fills dx, dy, a and b; returns 0, or -1 (logged, shift untouched) for null
+  // shift in range, after bringing B to A's exposure at each level (B's mean and standard
+  // deviation matched to A's, gain limited to 1/4..4): an exposure step between the frames
+  // (gain or offset) then reads as neither a shift nor a difference, and a and b stay in
+  // A's grey levels. Fills dx, dy, a and b; returns 0, or -1 (logged, shift untouched) for null
   // pointers, bad sizes or images too small for any search.
   static int calculateShift(const uint8_t* imageA, const uint8_t* imageB, int w, int h,
                             const uint8_t* smallA, const uint8_t* smallB, int sw, int sh,

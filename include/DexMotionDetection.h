@@ -48,7 +48,9 @@ class DexMotionDetection {
   // Block matching of `view` (the reference's size, row stride `stride`) against the reference:
   // 16x16 blocks on a regular grid inside a 16-pixel margin, full search of +/-16 pixels by sum
   // of absolute differences (coarse on a 2x reduction, refined at full resolution); blocks with
-  // too little texture to match are skipped. Fills `result` (a motionResult_t). Without a
+  // too little texture to match are skipped. The view is first brought to the reference's
+  // exposure (mean and standard deviation matched, gain limited to 1/4..4), so that an
+  // exposure step alone reads as no motion; matchDiff is in the reference's grey levels. Fills `result` (a motionResult_t). Without a
   // reference the result is all zero with 0 blocks. The three unnamed pointers and `scratch`
   // are accepted for the caller's convenience and not used. Returns 0, or -1 (logged, result
   // untouched) for null view/result or a bad stride.
@@ -58,7 +60,18 @@ class DexMotionDetection {
   // Whether the capture is worth a video clip: a value above 0.0 (up to 1.0) when the frames
   // of the snapshot around the captured index show subject motion without a hard camera pan,
   // 0.0 otherwise. camMotion holds the camera-motion classification of the snapshot's span;
-  // count is the snapshot's item count.
+  // count is the snapshot's item count. The rule:
+  //  - 0 when any camMotion entry is MODE_PANNING or has a gyroscope mean of SHAKE_MEAN
+  //    (0.6 rad/s) or more, or when most frames within 10 places of the captured index that
+  //    have a camera-motion class (processed bit 0x40000) are classed as panning;
+  //  - with motion results (bit 0x10000, at least one matched block) among those frames: 0 when
+  //    the median global shift is 8 analysis pixels or more (a pan seen in the picture);
+  //    otherwise, with m the mean over them of max(frmMotionScoreNorm,
+  //    ctrFrmMotionScoreNorm), 0 when m < 0.06 (a still scene: block-matching noise and small
+  //    head movements stay below), else min(1, m / 0.3);
+  //  - without motion results, from the frames' difference statistics (bit 0x20000): 0 when
+  //    the median mDiffStats.mean is below 3 grey levels, else min(1, median / 10);
+  //  - 0 without either, for a null snapshot, count <= 0 or an index outside the snapshot.
   float KoMotionDecision(KoFrameHistSnapshot* snapshot, Vector<KO_camMotionType_t>& camMotion,
                          int count, int capturedIndex);
 
@@ -69,6 +82,8 @@ class DexMotionDetection {
   int mRefHeight = 0;
   std::vector<uint8_t> mRef;       // reference view, row stride mRefWidth
   std::vector<uint8_t> mRefHalf;   // its 2x reduction
+  double mRefMean = 0;             // its luma mean and standard deviation
+  double mRefSpread = 0;
 };
 
 }  // namespace android

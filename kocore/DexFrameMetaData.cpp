@@ -356,25 +356,60 @@ int DexFrameMetaData::calcSobel2DRegion(const uint8_t* img, KO_dataStats_t& stat
 
 namespace {
 
+// Mean and standard deviation of a w x h plane (row stride `stride`).
+void meanAndSpread(const uint8_t* img, int w, int h, int stride, double* mean, double* spread) {
+  uint64_t sum = 0, sumSq = 0;
+  for (int y = 0; y < h; ++y) {
+    const uint8_t* r = img + static_cast<long>(y) * stride;
+    uint32_t rowSum = 0;
+    uint64_t rowSq = 0;
+    for (int x = 0; x < w; ++x) {
+      rowSum += r[x];
+      rowSq += static_cast<uint32_t>(r[x]) * r[x];
+    }
+    sum += rowSum;
+    sumSq += rowSq;
+  }
+  const double n = static_cast<double>(w) * h;
+  *mean = static_cast<double>(sum) / n;
+  *spread = std::sqrt(std::max(0.0, static_cast<double>(sumSq) / n - *mean * *mean));
+}
+
+// B brought to A's exposure: B' = (B - mean B) * spread A / spread B + mean A, as floats (row
+// stride w). The gain is limited to [1/4, 4] so that a nearly flat picture is not blown up;
+// without spread on either side only the means are matched.
+std::vector<float> exposureMatched(const uint8_t* a, const uint8_t* b, int w, int h) {
+  double meanA = 0, spreadA = 0, meanB = 0, spreadB = 0;
+  meanAndSpread(a, w, h, w, &meanA, &spreadA);
+  meanAndSpread(b, w, h, w, &meanB, &spreadB);
+  double gain = 1.0;
+  if (spreadA > 0.5 && spreadB > 0.5) gain = std::min(4.0, std::max(0.25, spreadA / spreadB));
+  const float g = static_cast<float>(gain);
+  const float o = static_cast<float>(meanA - gain * meanB);
+  std::vector<float> out(static_cast<size_t>(w) * h);
+  for (size_t i = 0; i < out.size(); ++i) out[i] = g * b[i] + o;
+  return out;
+}
+
 // Mean absolute difference between A(x, y) and B(x + dx, y + dy) over the window that leaves
 // `margin` pixels on every side of A (so B stays inside for |dx|, |dy| <= margin).
-double madAt(const uint8_t* a, const uint8_t* b, int stride, int w, int h, int margin, int dx,
+double madAt(const uint8_t* a, const float* b, int stride, int w, int h, int margin, int dx,
              int dy) {
-  uint64_t sum = 0;
+  double sum = 0;
   const int x0 = margin, x1 = w - margin;
   for (int y = margin; y < h - margin; ++y) {
     const uint8_t* ra = a + static_cast<long>(y) * stride;
-    const uint8_t* rb = b + static_cast<long>(y + dy) * stride + dx;
-    uint32_t rowSum = 0;
-    for (int x = x0; x < x1; ++x) rowSum += static_cast<uint32_t>(std::abs(ra[x] - rb[x]));
+    const float* rb = b + static_cast<long>(y + dy) * stride + dx;
+    float rowSum = 0;
+    for (int x = x0; x < x1; ++x) rowSum += std::fabs(static_cast<float>(ra[x]) - rb[x]);
     sum += rowSum;
   }
   const long n = static_cast<long>(x1 - x0) * (h - 2 * margin);
-  return static_cast<double>(sum) / static_cast<double>(n);
+  return sum / static_cast<double>(n);
 }
 
 // Best shift within [cx - r, cx + r] x [cy - r, cy + r], clamped to +/- limit.
-void searchShift(const uint8_t* a, const uint8_t* b, int stride, int w, int h, int limit, int cx,
+void searchShift(const uint8_t* a, const float* b, int stride, int w, int h, int limit, int cx,
                  int cy, int r, int* bestX, int* bestY, double* bestCost) {
   double best = 1e30;
   int bx = 0, by = 0;
@@ -422,15 +457,20 @@ int DexFrameMetaData::calculateShift(const uint8_t* imageA, const uint8_t* image
   std::vector<uint8_t> qa(static_cast<size_t>(qw) * qh), qb(qa.size());
   downScaleLuma2x(qa.data(), smallA, sw, qw, qh);
   downScaleLuma2x(qb.data(), smallB, sw, qw, qh);
+  // Every level compares A with B brought to A's mean and gain, so that an exposure step
+  // between the two frames reads neither as a shift nor as a difference.
+  const std::vector<float> nq = exposureMatched(qa.data(), qb.data(), qw, qh);
+  const std::vector<float> ns = exposureMatched(smallA, smallB, sw, sh);
+  const std::vector<float> nv = exposureMatched(imageA, imageB, w, h);
   int dx = 0, dy = 0;
   double cost = 0;
-  searchShift(qa.data(), qb.data(), qw, qw, qh, r2, 0, 0, r2, &dx, &dy, &cost);
+  searchShift(qa.data(), nq.data(), qw, qw, qh, r2, 0, 0, r2, &dx, &dy, &cost);
   const int r1 = (range + 1) / 2;
-  searchShift(smallA, smallB, sw, sw, sh, r1, 2 * dx, 2 * dy, 2, &dx, &dy, &cost);
-  searchShift(imageA, imageB, w, w, h, range, 2 * dx, 2 * dy, 2, &dx, &dy, &cost);
+  searchShift(smallA, ns.data(), sw, sw, sh, r1, 2 * dx, 2 * dy, 2, &dx, &dy, &cost);
+  searchShift(imageA, nv.data(), w, w, h, range, 2 * dx, 2 * dy, 2, &dx, &dy, &cost);
   shift->dx = dx;
   shift->dy = dy;
-  shift->a = static_cast<float>(madAt(imageA, imageB, w, w, h, range, 0, 0));
+  shift->a = static_cast<float>(madAt(imageA, nv.data(), w, w, h, range, 0, 0));
   shift->b = static_cast<float>(cost);
   return 0;
 }

@@ -116,6 +116,56 @@ TEST(FrameShift, RecoversKnownShiftsAndSeesNoShiftBetweenNoisyCopies) {
   EXPECT_NEAR(r.a, r.b, 0.05f * r.a);
 }
 
+// The best-shot checks call a shift detected when b < 30 and a * 0.6 > b, or a < 12 and
+// a * 0.8 > b (a, b: differences at zero and at the best shift).
+bool shiftRuleFires(const DexFrameMetaData::xyShift& r) {
+  return (r.b < 30.0f && r.a * 0.6 > r.b) || (r.a < 12.0f && r.a * 0.8 > r.b);
+}
+
+DexFrameMetaData::xyShift shiftOf(const Plane& a, const Plane& b) {
+  const Plane sa = kocore_test::half(a), sb = kocore_test::half(b);
+  DexFrameMetaData::xyShift r{};
+  r.searchRange = 40;
+  EXPECT_EQ(0, DexFrameMetaData::calculateShift(a.data(), b.data(), a.w, a.h, sa.data(), sb.data(),
+                                                sa.w, sa.h, &r));
+  return r;
+}
+
+// An exposure step (gain or offset, with the clipping a real sensor adds) between two copies of
+// one frame is no shift; a real shift under an exposure step is still found.
+TEST(FrameShift, ExposureStepIsNoShiftAndAShiftUnderAnExposureStepIsFound) {
+  const double steps[][2] = {{0.8, 0}, {1.25, 0}, {1.0, 20}, {1.0, -25}, {0.8, 12}};
+  for (const char* name : {"cockatoo_f005_1280x720.nv21", "cockatoo_f100_1280x720.nv21",
+                           "solvay_1920x1080.nv21"}) {
+    const Plane view = kocore_test::analysisView(name);
+    for (const auto& st : steps) {
+      SCOPED_TRACE(std::string(name) + " gain " + std::to_string(st[0]) + " offset " +
+                   std::to_string(st[1]));
+      const DexFrameMetaData::xyShift r = shiftOf(view, kocore_test::contrast(view, st[0], st[1]));
+      EXPECT_EQ(0, r.dx);
+      EXPECT_EQ(0, r.dy);
+      EXPECT_FALSE(shiftRuleFires(r));
+      EXPECT_LT(r.a, 5.0f);  // only what clipping destroyed remains
+      EXPECT_FLOAT_EQ(r.a, r.b);
+    }
+  }
+  const Plane big = kocore_test::reducedLuma("solvay_1920x1080.nv21", 1920, 1080, 2);  // 960x540
+  const Plane a = kocore_test::crop(big, 160, 90, 640, 360);
+  for (const auto& st : steps) {
+    const Plane b = kocore_test::contrast(kocore_test::crop(big, 160 - 9, 90 + 6, 640, 360), st[0], st[1]);
+    const DexFrameMetaData::xyShift r = shiftOf(a, b);
+    EXPECT_EQ(9, r.dx) << st[0] << " " << st[1];
+    EXPECT_EQ(-6, r.dy) << st[0] << " " << st[1];
+    EXPECT_TRUE(shiftRuleFires(r)) << r.a << " " << r.b;
+    EXPECT_GT(r.a, 8.0f);  // in grey levels, as without the exposure step
+  }
+  // Without an exposure step the differences keep their grey-level meaning.
+  const DexFrameMetaData::xyShift plain = shiftOf(a, kocore_test::crop(big, 160 - 9, 90 + 6, 640, 360));
+  const DexFrameMetaData::xyShift dimmed =
+      shiftOf(a, kocore_test::contrast(kocore_test::crop(big, 160 - 9, 90 + 6, 640, 360), 0.8, 0));
+  EXPECT_NEAR(plain.a, dimmed.a, 0.1f * plain.a);
+}
+
 TEST(HistogramDistance, ZeroForEqualAndGrowingWithShift) {
   const Plane view = kocore_test::analysisView("cockatoo_f100_1280x720.nv21");
   std::vector<uint32_t> h32(32);

@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "DexMotionDetection.h"
@@ -65,6 +66,53 @@ TEST(BlockMotion, TranslationIsFoundAndAMovingRegionRaisesTheSubjectScore) {
   EXPECT_GT(centre.ctrFrmMotionScoreNorm, 0.2f);
   EXPECT_GT(centre.ctrFrmMotionScoreNorm, centre.frmMotionScoreNorm);
   EXPECT_GT(side.numOpposing + centre.numOpposing, 0);  // (-10, 8) opposes (5, -3)
+}
+
+Result runAgainst(const Plane& ref, const Plane& cur) {
+  DexMotionDetection md(640, 360);
+  EXPECT_EQ(0, md.copyNewRefFrame(ref.data(), 640, 360, 640));
+  Result r{};
+  EXPECT_EQ(0, md.processMEPerFrame(cur.data(), nullptr, nullptr, nullptr, nullptr, 640, &r));
+  return r;
+}
+
+// An exposure step (gain or offset, clipped as a sensor clips) between the reference and the
+// view is no motion; translation and a moving region under an exposure step are still seen.
+TEST(BlockMotion, ExposureStepIsNoMotionButMotionUnderItIsSeen) {
+  const double steps[][2] = {{0.8, 0}, {1.25, 0}, {1.0, 20}, {1.0, -25}, {0.8, 12}};
+  for (const char* name : {"cockatoo_f005_1280x720.nv21", "cockatoo_f100_1280x720.nv21",
+                           "solvay_1920x1080.nv21"}) {
+    const Plane view = kocore_test::analysisView(name);
+    for (const auto& st : steps) {
+      SCOPED_TRACE(std::string(name) + " gain " + std::to_string(st[0]) + " offset " +
+                   std::to_string(st[1]));
+      const Result r = runAgainst(view, kocore_test::contrast(view, st[0], st[1]));
+      EXPECT_GT(r.numBlocks, 50);
+      EXPECT_EQ(0.0f, r.globalDx);
+      EXPECT_EQ(0.0f, r.globalDy);
+      EXPECT_LT(r.frmMotionScoreNorm, 0.05f);
+      EXPECT_LT(r.ctrFrmMotionScoreNorm, 0.1f);
+    }
+  }
+  const Plane ref = kocore_test::crop(bigFrame(), 160, 90, 640, 360);
+  const Plane still = currentView(5, -3), moving = currentView(5, -3, 320, 180, -10, 8);
+  for (const auto& st : steps) {
+    SCOPED_TRACE(std::to_string(st[0]) + " " + std::to_string(st[1]));
+    const Result s = runAgainst(ref, kocore_test::contrast(still, st[0], st[1]));
+    const Result m = runAgainst(ref, kocore_test::contrast(moving, st[0], st[1]));
+    EXPECT_NEAR(5.0f, s.globalDx, 0.5f);
+    EXPECT_NEAR(-3.0f, s.globalDy, 0.5f);
+    EXPECT_LT(s.frmMotionScoreNorm, 0.03f);
+    EXPECT_GT(m.ctrFrmMotionScoreNorm, 0.2f);
+    EXPECT_GT(m.frmMotionScoreNorm, s.frmMotionScoreNorm + 0.02f);
+  }
+  // Two consecutive real frames of the hand-held clip (the bird moves): the subject score
+  // hardly depends on a 0.8x exposure step between them.
+  const Plane f5 = kocore_test::analysisView("cockatoo_f005_1280x720.nv21");
+  const Plane f6 = kocore_test::analysisView("cockatoo_f006_1280x720.nv21");
+  const Result plain = runAgainst(f5, f6), dimmed = runAgainst(f5, kocore_test::contrast(f6, 0.8, 0));
+  EXPECT_GT(plain.frmMotionScoreNorm, 0.1f);
+  EXPECT_NEAR(plain.frmMotionScoreNorm, dimmed.frmMotionScoreNorm, 0.05f);
 }
 
 TEST(BlockMotion, NoReferenceAndBadArguments) {
