@@ -1,0 +1,911 @@
+// The top-score list and the best-shot decision on a live frame history: which frames keep
+// their ZSL buffers (counted through the frame-done callbacks of real buffer bookkeeping), and
+// which frame the decision picks, cancels or lets replace the capture, on real pictures where a
+// rule looks at pixels.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <vector>
+
+#include "TopScoreTestSupport.h"
+
+using namespace android;
+using topscore_test::Bench;
+using topscore_test::score;
+using topscore_test::setPicture;
+using topscore_test::sharpView;
+
+namespace {
+
+const int64_t kFrameUs = 40000;  // 25 frames a second
+
+std::vector<int32_t> ids(std::initializer_list<int32_t> l) { return std::vector<int32_t>(l); }
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// The list.
+
+TEST(KoTopScoreList, BatchCutCapacityAndDuplicatesGiveBuffersBackOnTheSamePass) {
+  Bench b;
+  // Frame 1 has no ZSL buffer, 2..8 have one each (seven, the most the camera lends).
+  for (uint32_t id = 1; id <= 8; ++id) b.add(id, id * kFrameUs, id >= 2);
+  b.frame(3)->mSobelBuffer1 = topscore_test::allocImage(KoFrameData::SOBEL_BUFFER_BYTES);
+  b.frame(4)->mSobelBuffer1 = topscore_test::allocImage(KoFrameData::SOBEL_BUFFER_BYTES);
+  const float bs[9] = {0, 50, 40, 30, 10, 60, 20, 70, 35};
+  std::vector<KoBestShot::BSScore> batch;
+  for (int32_t id = 1; id <= 8; ++id) batch.push_back(score(id, id * kFrameUs, bs[id]));
+
+  // No pending press, short exposure: the five newest are merged (sorted by bsScore), the
+  // three older ones give their buffers back at once, scratch images included.
+  b.merge(batch);
+  EXPECT_EQ(ids({4, 6, 8, 5, 7}), b.listIds());
+  EXPECT_EQ(1u, b.returned(2));
+  EXPECT_EQ(1u, b.returned(3));
+  for (uint32_t id = 4; id <= 8; ++id) EXPECT_EQ(0u, b.returned(id)) << id;
+  EXPECT_EQ(5u, b.ctx.memory()->count());
+  EXPECT_EQ(nullptr, b.frame(3)->mSobelBuffer1);
+  EXPECT_NE(nullptr, b.frame(4)->mSobelBuffer1);
+  EXPECT_EQ(8u, b.hist.size());  // frames stay, only their buffers go
+
+  // The next pass rescores 7 and 8 and adds 9 and 10: rescored frames replace their entries,
+  // and the two lowest of the seven candidates leave with their buffers.
+  b.add(9, 9 * kFrameUs);
+  b.add(10, 10 * kFrameUs);
+  b.merge({score(7, 7 * kFrameUs, 72), score(8, 8 * kFrameUs, 36), score(9, 9 * kFrameUs, 5),
+           score(10, 10 * kFrameUs, 80)});
+  EXPECT_EQ(ids({6, 8, 5, 7, 10}), b.listIds());
+  EXPECT_FLOAT_EQ(72.0f, b.top.mTopScoreList[3].bsScore);
+  EXPECT_EQ(1u, b.returned(4));
+  EXPECT_EQ(1u, b.returned(9));
+  for (uint32_t id : {5u, 6u, 7u, 8u, 10u}) {
+    EXPECT_EQ(0u, b.returned(id)) << id;
+    EXPECT_TRUE(b.held(id)) << id;
+  }
+  EXPECT_EQ(5u, b.ctx.memory()->count());
+}
+
+TEST(KoTopScoreList, EntriesOlderThanTwoSecondsLeaveWithTheirBuffers) {
+  Bench b;
+  b.add(1, 0);
+  b.add(2, 1);
+  b.add(3, 1000000);
+  b.merge({score(1, 0, 10), score(2, 1, 20), score(3, 1000000, 30)});
+  EXPECT_EQ(ids({1, 2, 3}), b.listIds());
+
+  // Newest frame at 2,000,001: frame 1 is 2,000,001 us older and goes, frame 2 (exactly
+  // 2,000,000) stays.
+  b.add(4, 2000001);
+  b.merge({score(4, 2000001, 5)});
+  EXPECT_EQ(ids({4, 2, 3}), b.listIds());
+  EXPECT_EQ(1u, b.returned(1));
+  EXPECT_EQ(0u, b.returned(2));
+
+  // A stale score in a new batch is released instead of merged.
+  b.add(5, 2000002);
+  b.merge({score(2, 1, 99), score(5, 2000002, 1)});
+  EXPECT_EQ(ids({5, 4, 3}), b.listIds());
+  EXPECT_EQ(1u, b.returned(2));
+  EXPECT_EQ(0u, b.returned(3));
+  EXPECT_EQ(3u, b.ctx.memory()->count());
+}
+
+TEST(KoTopScoreList, BestAuxFrameNearTheCaptureIsProtectedOnlyUnderLongExposure) {
+  for (float expTime : {0.02f, 0.0083f, 0.0082f, 0.0f}) {
+    SCOPED_TRACE(expTime);
+    const bool longExposure = expTime >= 0.0083f;
+    Bench b;
+    // Frames 1..10; buffers on 4..10. All frames have their metadata.
+    for (uint32_t id = 1; id <= 10; ++id) {
+      b.add(id, id * kFrameUs, id >= 4);
+      b.meta(id, expTime);
+    }
+    // Shutter pressed at frame 6. Frame 5, sixth from the end of the batch, has the best
+    // auxScore near it and the lowest bsScore of all.
+    b.top.setCapturedFrameId(1, 6, 6 * kFrameUs);
+    std::vector<KoBestShot::BSScore> batch;
+    for (int32_t id = 1; id <= 10; ++id) {
+      batch.push_back(score(id, id * kFrameUs, id == 5 ? 1.0f : 10.0f * id, 0, id == 5 ? 90.0f : 10.0f + id));
+    }
+    b.merge(batch);
+    if (longExposure) {
+      // Frame 5 takes the place of the fifth-newest (6), which is neither listed nor released.
+      EXPECT_EQ(ids({5, 7, 8, 9, 10}), b.listIds());
+      EXPECT_EQ(0u, b.returned(5));
+      EXPECT_EQ(0u, b.returned(6));
+      EXPECT_TRUE(b.held(6));
+    } else {
+      EXPECT_EQ(ids({6, 7, 8, 9, 10}), b.listIds());
+      EXPECT_EQ(1u, b.returned(5));
+    }
+    EXPECT_EQ(1u, b.returned(4));
+
+    // One more candidate: the list is cut back to five. Under long exposure the protected
+    // frame at the bottom stays and the one above it goes.
+    b.add(11, 11 * kFrameUs);
+    b.meta(11, expTime);
+    b.merge({score(11, 11 * kFrameUs, 200, 0, 5)});
+    if (longExposure) {
+      EXPECT_EQ(ids({5, 8, 9, 10, 11}), b.listIds());
+      EXPECT_EQ(1u, b.returned(7));
+      EXPECT_EQ(0u, b.returned(5));
+    } else {
+      EXPECT_EQ(ids({7, 8, 9, 10, 11}), b.listIds());
+      EXPECT_EQ(1u, b.returned(6));
+    }
+    EXPECT_EQ(b.top.mTopScoreList.size(), 5u);
+  }
+}
+
+TEST(KoTopScoreList, FramesThatWillNeverGetTheirMetadataOrFacesGiveBuffersBack) {
+  Bench b;
+  for (uint32_t id = 1; id <= 6; ++id) b.add(id, id * kFrameUs);
+  for (uint32_t id : {1u, 3u, 5u}) b.meta(id, 0.0f);
+  for (uint32_t id : {1u, 4u, 6u}) b.faces(id, 1);
+
+  // Metadata rule: 2 and 4 are older than 5, the newest with metadata; 6 may still get it.
+  // Face data is missing (the foreground's mode), so the face rule is off.
+  b.merge({}, true);
+  EXPECT_EQ(1u, b.returned(2));
+  EXPECT_EQ(1u, b.returned(4));
+  for (uint32_t id : {1u, 3u, 5u, 6u}) EXPECT_EQ(0u, b.returned(id)) << id;
+
+  // Face data arriving normally: 3 and 5 are older than 6, the newest with faces.
+  b.merge({}, false);
+  EXPECT_EQ(1u, b.returned(3));
+  EXPECT_EQ(1u, b.returned(5));
+  EXPECT_EQ(0u, b.returned(1));
+  EXPECT_EQ(0u, b.returned(6));
+  EXPECT_EQ(1u, b.returned(2));  // nothing is given back twice
+
+  // Without any metadata nothing is released.
+  Bench c;
+  for (uint32_t id = 1; id <= 3; ++id) c.add(id, id * kFrameUs);
+  c.merge({}, true);
+  EXPECT_TRUE(c.ctx.returned().empty());
+}
+
+TEST(KoTopScoreList, ZoomOrTouchFocusChangeFlushesOlderFrames) {
+  // Zoom changes between history index 3 and 4.
+  {
+    Bench b;
+    for (uint32_t id = 1; id <= 6; ++id) b.add(id, id * kFrameUs)->mZoom = id >= 5 ? 2 : 0;
+    std::vector<KoBestShot::BSScore> batch;
+    for (int32_t id = 2; id <= 6; ++id) batch.push_back(score(id, id * kFrameUs, id));
+    b.merge(batch);
+    ASSERT_EQ(ids({2, 3, 4, 5, 6}), b.listIds());
+    b.top.flushListIfNeeded(false);
+    // History frames 0..3 are gone with their buffers; the entry of frame 4 (index 3) stays
+    // until the next pruning, which drops it without a second release.
+    ASSERT_EQ(2u, b.hist.size());
+    EXPECT_EQ(5u, b.hist.mHistory[0]->mFrameData->mFrameId);
+    EXPECT_EQ(ids({4, 5, 6}), b.listIds());
+    for (uint32_t id = 1; id <= 4; ++id) EXPECT_EQ(1u, b.returned(id)) << id;
+    b.merge({});
+    EXPECT_EQ(ids({5, 6}), b.listIds());
+    for (uint32_t id = 1; id <= 4; ++id) EXPECT_EQ(1u, b.returned(id)) << id;
+    // Nothing differs any more.
+    b.top.flushListIfNeeded(false);
+    EXPECT_EQ(2u, b.hist.size());
+  }
+  // Touch AF regions.
+  struct Case {
+    uint8_t olderType;
+    uint16_t olderWindow0;
+    uint8_t newestType;
+    bool flushed;
+  } cases[] = {
+      {2, 10, 2, false},  // same touch region
+      {2, 12, 2, true},   // moved touch region
+      {0, 10, 2, true},   // touch focus started
+      {2, 12, 0, false},  // newest not a touch region: windows do not matter
+  };
+  for (const Case& c : cases) {
+    Bench b;
+    for (uint32_t id = 1; id <= 4; ++id) {
+      sp<KoFrameData> f = b.add(id, id * kFrameUs, false);
+      const bool newest = id == 4;
+      f->mAfRoiType = newest ? c.newestType : c.olderType;
+      const uint16_t w0 = newest ? 10 : c.olderWindow0;
+      f->mAfWindow[0] = w0;
+      f->mAfWindow[1] = 20;
+      f->mAfWindow[2] = 100;
+      f->mAfWindow[3] = 80;
+    }
+    b.top.flushListIfNeeded(false);
+    EXPECT_EQ(c.flushed ? 1u : 4u, b.hist.size()) << int(c.olderType) << " " << c.olderWindow0;
+  }
+  // Stop at face data only when asked to.
+  for (bool stop : {false, true}) {
+    Bench b;
+    for (uint32_t id = 1; id <= 4; ++id) b.add(id, id * kFrameUs, false);
+    b.faces(2, 1);
+    b.top.flushListIfNeeded(stop);
+    EXPECT_EQ(stop ? 2u : 4u, b.hist.size());
+  }
+}
+
+TEST(KoTopScoreList, AverageExposureAndPendingPresses) {
+  Bench b;
+  const float exp[6] = {0, 0.01f, 0.0f, 0.02f, 0.03f, 0.04f};
+  for (uint32_t id = 1; id <= 5; ++id) {
+    b.add(id, id * kFrameUs, false);
+    b.meta(id, exp[id]);
+  }
+  EXPECT_NEAR((0.04f + 0.03f + 0.02f) / 3, b.top.getAvgExposureTime(5), 1e-6);
+  EXPECT_NEAR((0.03f + 0.02f + 0.01f) / 3, b.top.getAvgExposureTime(4), 1e-6);  // 0.0 skipped
+  EXPECT_NEAR(0.01f, b.top.getAvgExposureTime(2), 1e-6);
+  EXPECT_EQ(0.0f, b.top.getAvgExposureTime(0));
+  Bench dark;
+  dark.add(1, 0, false);
+  EXPECT_EQ(0.0f, dark.top.getAvgExposureTime(1));
+
+  KoTopScore::capturedShotInfo_t info;
+  b.top.getOldestCapturedInfo(info);
+  EXPECT_EQ(-1, info.jobId);
+  EXPECT_EQ(-1, info.frameId);
+  EXPECT_EQ(0, info.timestampUs);
+  EXPECT_EQ(0, b.top.setCapturedFrameId(7, 3, 123456789012LL));
+  EXPECT_EQ(1, b.top.setCapturedFrameId(8, 4, 5));
+  b.top.getOldestCapturedInfo(info);
+  EXPECT_EQ(7, info.jobId);
+  EXPECT_EQ(3, info.frameId);
+  EXPECT_EQ(123456789012LL, info.timestampUs);
+}
+
+// ---------------------------------------------------------------------------------------------
+// The decision.
+
+namespace {
+
+struct Decision {
+  uint32_t found = 0;
+  bestShotInfo_t info;
+  bestShotInfo_t rep;
+  unsigned int flags = 0;
+};
+
+Decision decide(Bench& b, bool hdr = false, unsigned int flags = 0, int job = 1) {
+  Decision d;
+  memset(&d.info, 0, sizeof(d.info));
+  memset(&d.rep, 0, sizeof(d.rep));
+  d.flags = flags;
+  d.found = b.top.getBestShot(job, &d.info, &d.rep, hdr, d.flags);
+  return d;
+}
+
+// Frames 1..7 at 25 fps showing the same sharp picture, each with its buffer and metadata;
+// frame 4 will be the captured one (fe 50, aux 40), frame 6 the one with the best fe (70).
+std::unique_ptr<Bench> scene(int32_t lux = 0) {
+  auto b = std::make_unique<Bench>();
+  const int32_t fe[8] = {0, 30, 30, 30, 50, 30, 70, 30};
+  const float aux[8] = {0, 20, 20, 20, 40, 30, 45, 25};
+  for (uint32_t id = 1; id <= 7; ++id) {
+    sp<KoFrameData> f = b->add(id, id * kFrameUs);
+    setPicture(f, sharpView());
+    f->mFeScore = fe[id];
+    f->mAuxScore = aux[id];
+    f->mBsScore = static_cast<float>(fe[id]);
+    f->mLensPos = 100;
+    f->mCafState = 1;
+    b->meta(id, 0.0f, lux);
+  }
+  return b;
+}
+
+// Lists frames 3..7 with the scores their frames carry, then presses the shutter at `captured`.
+void listAndPress(Bench& b, uint32_t captured = 4, std::vector<uint32_t> listed = {3, 4, 5, 6, 7}) {
+  std::vector<KoBestShot::BSScore> batch;
+  for (uint32_t id : listed) {
+    sp<KoFrameData> f = b.frame(id);
+    batch.push_back(score(static_cast<int32_t>(id), f->mTimestamp, f->mBsScore,
+                          static_cast<float>(f->mFeScore), f->mAuxScore, f->mFacesScore));
+  }
+  b.merge(batch);
+  b.top.setCapturedFrameId(1, captured, b.frame(captured)->mTimestamp);
+}
+
+}  // namespace
+
+// The frames here carry no face data, so no face-scene classifier calls them a face scene.
+TEST(KoTopScoreDecision, NonFaceSceneTakesTheBestFocusAndReplacesASimilarCapture) {
+  {
+    auto b = scene();
+    listAndPress(*b);
+    Decision d = decide(*b);
+    EXPECT_EQ(1u, d.found);
+    EXPECT_EQ(0, d.info.isFaceScene);
+    EXPECT_EQ(1, d.info.generated);
+    EXPECT_EQ(6, d.info.frameId);
+    EXPECT_EQ(5, d.info.frameIndex);
+    EXPECT_EQ(6 * kFrameUs, d.info.timestampUs);
+    EXPECT_FLOAT_EQ(70.0f, d.info.bsScore);
+    EXPECT_EQ(1, d.info.replace);  // same picture, better aux, nothing overrides
+    EXPECT_EQ(KO_BS_ALG_REPLACE_SIMILAR | KO_BS_ALG_NOT_IN_SCORE_BAND, d.info.algBitField);
+    EXPECT_EQ(0u, d.info.cancelledAlgBitField);
+    EXPECT_LT(d.info.similarityCoeff, 0.01f);
+    EXPECT_EQ(0, d.info.expOffset);
+    EXPECT_EQ(0, d.info.blurDetected);
+    EXPECT_GE(d.info.blurDetectCoeff, 0.17f);
+    EXPECT_EQ(-2 * kFrameUs, d.info.captureOffsetUs);
+    EXPECT_EQ(4, d.info.referenceFrameId);
+    EXPECT_EQ(4, d.rep.referenceFrameId);
+    EXPECT_EQ(0, d.rep.generated);
+    EXPECT_EQ(0u, d.flags);
+    EXPECT_TRUE(b->top.mCapturedShots.isEmpty());
+    EXPECT_EQ(0u, decide(*b).found);  // the press was consumed
+  }
+  // A zoom override keeps the capture; the best shot still stands.
+  {
+    auto b = scene();
+    listAndPress(*b);
+    Decision d = decide(*b, false, KO_BS_OVERRIDE_ZOOM);
+    EXPECT_EQ(1u, d.found);
+    EXPECT_EQ(6, d.info.frameId);
+    EXPECT_EQ(0, d.info.replace);
+    EXPECT_EQ(KO_BS_ALG_NOT_IN_SCORE_BAND, d.info.algBitField);
+    EXPECT_EQ(KO_BS_OVERRIDE_ZOOM, d.flags);
+  }
+  // Captured focus within 10 of the best (keep) and no replacement allowed: no best shot.
+  {
+    auto b = scene();
+    b->frame(6)->mFeScore = 58;
+    b->frame(6)->mBsScore = 58;
+    listAndPress(*b);
+    Decision d = decide(*b, false, KO_BS_OVERRIDE_ZOOM);
+    EXPECT_EQ(0u, d.found);
+    EXPECT_EQ(0, d.info.generated);
+    EXPECT_EQ(KO_BS_CANCEL_SIMILAR, d.info.cancelledAlgBitField);
+  }
+  // A similar best shot with a lower aux than the capture is dropped.
+  {
+    auto b = scene();
+    b->frame(6)->mAuxScore = 35;
+    listAndPress(*b);
+    Decision d = decide(*b);
+    EXPECT_EQ(0u, d.found);
+    EXPECT_EQ(KO_BS_CANCEL_SIMILAR, d.info.cancelledAlgBitField);
+  }
+  // No listed frame is better focused than the capture.
+  {
+    auto b = scene();
+    b->frame(6)->mFeScore = 50;
+    b->frame(6)->mBsScore = 50;
+    listAndPress(*b);
+    Decision d = decide(*b);
+    EXPECT_EQ(0u, d.found);
+    EXPECT_EQ(0, d.info.generated);
+    EXPECT_EQ(0, d.info.frameId);
+  }
+  // The candidate's buffer went back: it cannot be populated.
+  {
+    auto b = scene();
+    listAndPress(*b);
+    b->hist.releaseZslWithFrameId(6);
+    EXPECT_EQ(1u, b->returned(6));
+    Decision d = decide(*b);
+    EXPECT_EQ(0u, d.found);
+    EXPECT_EQ(0, d.info.generated);
+  }
+  // An unknown job changes nothing; a press whose frame left the history is dropped.
+  {
+    auto b = scene();
+    listAndPress(*b);
+    EXPECT_EQ(0u, decide(*b, false, 0, 2).found);
+    EXPECT_EQ(1u, b->top.mCapturedShots.size());
+    b->top.setCapturedFrameId(3, 99, 0);
+    EXPECT_EQ(0u, decide(*b, false, 0, 3).found);
+    EXPECT_EQ(1u, b->top.mCapturedShots.size());
+    EXPECT_EQ(1, b->top.mCapturedShots[0].jobId);
+  }
+  // Empty list: nothing to choose from.
+  {
+    auto b = scene();
+    b->top.setCapturedFrameId(1, 4, 4 * kFrameUs);
+    EXPECT_EQ(0u, decide(*b).found);
+  }
+  // The score band around the capture's aux: 6 % of it, at least 1.0. Inside the band near
+  // the top, bit 1 is not set.
+  struct Band {
+    float capturedAux, top;
+    bool inBand;
+  } bands[] = {{50, 52.9f, true}, {50, 53.1f, false}, {10, 10.9f, true}, {10, 11.1f, false}};
+  for (const Band& band : bands) {
+    auto b = scene();
+    b->frame(4)->mAuxScore = band.capturedAux;
+    for (uint32_t id : {3u, 5u, 7u}) b->frame(id)->mAuxScore = 5;
+    b->frame(6)->mAuxScore = band.top;
+    listAndPress(*b);
+    Decision d = decide(*b);
+    EXPECT_EQ(1u, d.found);
+    EXPECT_EQ(KO_BS_ALG_REPLACE_SIMILAR | (band.inBand ? 0u : KO_BS_ALG_NOT_IN_SCORE_BAND),
+              d.info.algBitField)
+        << band.capturedAux << " " << band.top;
+  }
+}
+
+TEST(KoTopScoreDecision, LowLightWithAGoodCaptureCancelsTheBestShot) {
+  for (float capturedAux : {70.5f, 70.0f}) {
+    auto b = scene(4500);
+    b->frame(4)->mAuxScore = capturedAux;
+    b->frame(6)->mAuxScore = 90;
+    listAndPress(*b);
+    Decision d = decide(*b, false, KO_BS_OVERRIDE_ZOOM);
+    if (capturedAux > 70.0f) {
+      EXPECT_EQ(0u, d.found);
+      EXPECT_EQ(0, d.info.generated);
+      EXPECT_EQ(KO_BS_CANCEL_LUX, d.info.cancelledAlgBitField);
+    } else {
+      EXPECT_EQ(1u, d.found);
+      EXPECT_EQ(0u, d.info.cancelledAlgBitField);
+    }
+  }
+  // The check on its own: captured frame at index 3, best at index 5.
+  struct Case {
+    int32_t luxCaptured, luxEarlier, luxBest;
+    uint32_t bestFaces;
+    bool cancelled;
+  } cases[] = {
+      {4500, 4500, 4500, 0, true},
+      {0, 4500, 4500, 0, true},    // unknown: the nearest earlier known level counts
+      {-1, 0, 4500, 0, false},     // unknown all the way back
+      {4499, 4499, 4500, 0, false},
+      {4500, 4500, 4500, 1, false},  // faces in the best shot: not this rule's business
+  };
+  for (const Case& c : cases) {
+    auto b = scene();
+    for (uint32_t id = 1; id <= 3; ++id) b->frame(id)->mLuxLevel = c.luxEarlier;
+    b->frame(4)->mLuxLevel = c.luxCaptured;
+    b->frame(4)->mAuxScore = 75;
+    b->frame(6)->mLuxLevel = c.luxBest;
+    b->frame(6)->mFaceData.record.numFaces = c.bestFaces;
+    bestShotInfo_t info;
+    memset(&info, 0, sizeof(info));
+    info.frameIndex = 5;
+    info.generated = 1;
+    bool generated = true;
+    b->top.cancelBestShotOnLux(generated, 3, &info);
+    EXPECT_EQ(!c.cancelled, generated) << c.luxCaptured << " " << c.luxEarlier;
+    EXPECT_EQ(c.cancelled ? KO_BS_CANCEL_LUX : 0u, info.cancelledAlgBitField);
+    EXPECT_EQ(c.cancelled ? 0 : 1, info.generated);
+  }
+}
+
+TEST(KoTopScoreDecision, BlurredBestShotIsCancelled) {
+  auto b = scene();
+  setPicture(b->frame(6), kocore_test::gaussianBlur(sharpView(), 3.0));
+  listAndPress(*b);
+  Decision d = decide(*b);
+  EXPECT_EQ(0u, d.found);
+  EXPECT_EQ(0, d.info.generated);
+  EXPECT_EQ(1, d.info.blurDetected);
+  EXPECT_TRUE(d.info.cancelledAlgBitField & KO_BS_CANCEL_BLUR);
+  EXPECT_GE(d.info.blurDetectCoeff, 0.0f);
+  EXPECT_LT(d.info.blurDetectCoeff, 0.17f);
+
+  // Not measured: nothing cancelled, measures stay -1.
+  bestShotInfo_t info;
+  memset(&info, 0, sizeof(info));
+  info.frameIndex = 5;
+  bool generated = false;
+  b->top.cancelOnBlurDetect(generated, &info, 3);
+  EXPECT_EQ(-1.0f, info.blurDetectCoeff);
+  EXPECT_EQ(-1.0f, info.blurDetectSubCoeff);
+  fcvMemFree(b->frame(6)->mSmallImage->base());  // a frame without its small image
+  b->frame(6)->mSmallImage.clear();
+  generated = true;
+  b->top.cancelOnBlurDetect(generated, &info, 3);
+  EXPECT_TRUE(generated);
+  EXPECT_EQ(0, info.blurDetected);
+  EXPECT_EQ(-1.0f, info.blurDetectCoeff);
+}
+
+TEST(KoTopScoreDecision, MacroLensMoveKeepsTheCapture) {
+  // Lens steady at 30 around the capture (frame 4); the best-focused frame 7 sits outside that
+  // window at lens 49 or 48.
+  struct Case {
+    int16_t bestLens;
+    unsigned int flagsIn;
+    int16_t frame3Lens;
+    bool fires;
+  } cases[] = {
+      {49, 0, 30, true},                            // 19 steps: close-up focus elsewhere
+      {48, 0, 30, false},                           // 18 steps
+      {49, KO_BS_OVERRIDE_AF_ROI_TOUCH, 30, false}, // touch focus skips the check
+      {49, 0, 33, false},                           // the lens moved around the capture
+  };
+  for (const Case& c : cases) {
+    auto b = scene();
+    for (uint32_t id = 1; id <= 7; ++id) b->frame(id)->mLensPos = 30;
+    b->frame(3)->mLensPos = c.frame3Lens;
+    b->frame(6)->mFeScore = 30;
+    b->frame(6)->mBsScore = 30;
+    b->frame(7)->mFeScore = 70;
+    b->frame(7)->mBsScore = 70;
+    b->frame(7)->mAuxScore = 45;
+    b->frame(7)->mLensPos = c.bestLens;
+    listAndPress(*b);
+    Decision d = decide(*b, false, c.flagsIn);
+    SCOPED_TRACE(testing::Message() << c.bestLens << " " << c.flagsIn << " " << c.frame3Lens);
+    EXPECT_EQ(1u, d.found);
+    EXPECT_EQ(7, d.info.frameId);
+    EXPECT_EQ(c.fires, (d.flags & KO_BS_OVERRIDE_MACRO) != 0);
+    EXPECT_EQ(c.flagsIn == 0 && !c.fires ? 1 : 0, d.info.replace);
+  }
+  // Close focus (lens 20): a best shot 6 steps away whose centre is blurrier is dropped at
+  // once (no cancel bit); 5 steps away it goes on to the other checks (here: blur).
+  for (int16_t bestLens : {26, 25}) {
+    auto b = scene();
+    for (uint32_t id = 1; id <= 7; ++id) b->frame(id)->mLensPos = 20;
+    b->frame(6)->mFeScore = 30;
+    b->frame(7)->mFeScore = 70;
+    b->frame(7)->mAuxScore = 45;
+    b->frame(7)->mLensPos = bestLens;
+    setPicture(b->frame(7), kocore_test::gaussianBlur(sharpView(), 3.0));
+    listAndPress(*b);
+    bestShotInfo_t probe;
+    memset(&probe, 0, sizeof(probe));
+    probe.frameIndex = 6;
+    EXPECT_TRUE(b->top.calcCenterRoi(3, &probe));
+    probe.frameIndex = 2;  // the same sharp picture
+    EXPECT_FALSE(b->top.calcCenterRoi(3, &probe));
+    Decision d = decide(*b);
+    EXPECT_EQ(0u, d.found);
+    EXPECT_EQ(0u, d.flags);
+    if (bestLens == 26) {
+      EXPECT_EQ(0u, d.info.cancelledAlgBitField);
+      EXPECT_EQ(0, d.info.blurDetected);
+    } else {
+      EXPECT_EQ(1, d.info.blurDetected);
+    }
+  }
+}
+
+// Blinks as hand-labelled in webcam clip a: frames 640 to 643 have closed eyes.
+TEST(KoTopScoreDecision, HdrCaptureIsOnlyExchangedForAnEarlierFrameWithOpenEyes) {
+  struct Setup {
+    uint32_t capturedFaces;
+    bool blinks;
+    bool bestIsEarlier;
+    bool emptyList;
+  };
+  auto run = [](const Setup& s) {
+    auto b = std::make_unique<Bench>();
+    for (uint32_t id = 636; id <= 647; ++id) {
+      sp<KoFrameData> f = b->add(id, id * kFrameUs, id >= 637 && id <= 643);
+      b->faces(id, id == 641 ? s.capturedFaces : 1, s.blinks && id >= 640 && id <= 643 ? 1 : 0);
+      f->mFeScore = 30;
+      f->mBsScore = 30;
+      f->mAuxScore = 20;
+      f->mLensPos = 100;
+      f->mCafState = 1;
+    }
+    sp<KoFrameData> c = b->frame(641);
+    c->mFeScore = 50;
+    c->mBsScore = 50;
+    c->mAuxScore = 40;
+    // bs and fe rank alike, so that face and non-face regimes pick the same candidate.
+    struct {
+      uint32_t id;
+      int32_t fe;
+      float bs;
+    } listed[] = {{638, 30, 40}, {639, 35, 45}, {643, 60, 60}, {642, 80, 70}};
+    std::vector<KoBestShot::BSScore> batch;
+    for (auto& l : listed) {
+      sp<KoFrameData> f = b->frame(l.id);
+      f->mFeScore = l.fe;
+      f->mBsScore = l.bs;
+      f->mAuxScore = 60;
+      if (s.bestIsEarlier && l.id == 639) {
+        f->mFeScore = 90;
+        f->mBsScore = 80;
+      }
+      batch.push_back(score(static_cast<int32_t>(l.id), f->mTimestamp, f->mBsScore,
+                            static_cast<float>(f->mFeScore), f->mAuxScore));
+    }
+    if (!s.emptyList) b->merge(batch);
+    b->top.setCapturedFrameId(1, 641, 641 * kFrameUs);
+    return decide(*b, true);
+  };
+
+  Decision d = run({1, true, false, false});
+  EXPECT_EQ(1u, d.found);
+  EXPECT_EQ(639, d.info.frameId);  // 642 is later and blinks, 643 blinks
+  EXPECT_EQ(KO_BS_ALG_NOT_IN_SCORE_BAND | KO_BS_ALG_FACE_SCENE | KO_BS_ALG_HDR, d.info.algBitField);
+  EXPECT_EQ(0u, d.info.cancelledAlgBitField);
+  EXPECT_EQ(2 * kFrameUs, d.info.captureOffsetUs);
+  EXPECT_EQ(0, d.info.replace);
+
+  d = run({1, true, true, false});  // the best shot is already earlier: it stands
+  EXPECT_EQ(1u, d.found);
+  EXPECT_EQ(639, d.info.frameId);
+  EXPECT_EQ(0u, d.info.algBitField & KO_BS_ALG_HDR);
+
+  d = run({4, true, false, false});  // four faces: always cancelled
+  EXPECT_EQ(0u, d.found);
+  EXPECT_EQ(KO_BS_CANCEL_HDR, d.info.cancelledAlgBitField & KO_BS_CANCEL_HDR);
+
+  d = run({1, false, false, false});  // nobody blinks: the HDR picture stays
+  EXPECT_EQ(0u, d.found);
+  EXPECT_TRUE(d.info.cancelledAlgBitField & KO_BS_CANCEL_HDR);
+
+  d = run({1, true, false, true});  // empty list: the HDR rule still runs, finds nothing
+  EXPECT_EQ(0u, d.found);
+  EXPECT_TRUE(d.info.cancelledAlgBitField & KO_BS_CANCEL_HDR);
+}
+
+TEST(KoTopScoreDecision, LongExposureExchangesTheCaptureForASharperNeighbour) {
+  for (float expTime : {0.02f, 0.005f}) {
+    SCOPED_TRACE(expTime);
+    Bench b;
+    // Frames 1..9; captured 5 (Sobel mean 20). Listed: 5 itself (aux 60), 6 (25), 7 (30),
+    // 8 exactly 430,000 us after the capture (32), 9 one microsecond further (40).
+    for (uint32_t id = 1; id <= 9; ++id) {
+      int64_t ts = id * kFrameUs;
+      if (id == 8) ts = 5 * kFrameUs + 430000;
+      if (id == 9) ts = 5 * kFrameUs + 430001;
+      sp<KoFrameData> f = b.add(id, ts, id >= 3);
+      f->mFeScore = 30;
+      f->mBsScore = 30;
+      f->mCafState = 1;
+      f->mSobelStats.mean = 20.0f;
+      b.meta(id, expTime);
+    }
+    const float aux[10] = {0, 0, 0, 0, 0, 60, 25, 30, 32, 40};
+    std::vector<KoBestShot::BSScore> batch;
+    for (int32_t id = 5; id <= 9; ++id) {
+      b.frame(id)->mAuxScore = aux[id];
+      batch.push_back(score(id, b.frame(id)->mTimestamp, 30.0f + id, 30.0f, aux[id]));
+    }
+    b.merge(batch);
+    ASSERT_EQ(5u, b.top.mTopScoreList.size());
+
+    sp<KoFrameData> exchanged;
+    int listIndex = 7;
+    const bool yes = b.top.replaceCapture(b.frame(5), exchanged, listIndex);
+    if (expTime >= 0.0083f) {
+      ASSERT_TRUE(yes);
+      ASSERT_NE(nullptr, exchanged);
+      EXPECT_EQ(8u, exchanged->mFrameId);
+      ASSERT_GE(listIndex, 0);
+      EXPECT_EQ(8, b.top.mTopScoreList[listIndex].frameId);
+    } else {
+      EXPECT_FALSE(yes);
+      EXPECT_EQ(nullptr, exchanged);
+      EXPECT_EQ(-1, listIndex);
+    }
+
+    b.top.setCapturedFrameId(1, 5, 5 * kFrameUs);
+    Decision d = decide(b);
+    if (expTime >= 0.0083f) {
+      EXPECT_EQ(1u, d.found);
+      EXPECT_EQ(KO_BS_OVERRIDE_CAPTURE_REPLACED, d.flags);
+      EXPECT_EQ(1, d.rep.generated);
+      EXPECT_EQ(8, d.rep.frameId);
+      EXPECT_EQ(1, d.rep.replace);
+      EXPECT_EQ(KO_BS_ALG_NOT_IN_SCORE_BAND, d.rep.algBitField);
+      EXPECT_EQ(5, d.rep.referenceFrameId);
+      EXPECT_EQ(8, d.info.referenceFrameId);
+      EXPECT_EQ(-430000, d.rep.captureOffsetUs);
+      EXPECT_EQ(0, d.info.generated);  // nothing is better focused than the new capture
+    } else {
+      EXPECT_EQ(0u, d.found);
+      EXPECT_EQ(0u, d.flags);
+      EXPECT_EQ(0, d.rep.generated);
+      EXPECT_EQ(5, d.info.referenceFrameId);
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Similarity and replacement, on a captured frame (index 0) and a best frame (index 1).
+
+namespace {
+
+struct Pair {
+  std::unique_ptr<Bench> b;
+  sp<KoFrameData> captured;
+  sp<KoFrameData> best;
+};
+
+Pair pair(const kocore_test::Plane& capturedPic, const kocore_test::Plane& bestPic) {
+  Pair p;
+  p.b = std::make_unique<Bench>();
+  p.captured = p.b->add(1, kFrameUs);
+  p.best = p.b->add(2, 2 * kFrameUs);
+  setPicture(p.captured, capturedPic);
+  setPicture(p.best, bestPic);
+  for (const sp<KoFrameData>& f : {p.captured, p.best}) {
+    f->mFeScore = 50;
+    f->mAuxScore = 40;
+    f->mFacesScore = 50;
+  }
+  return p;
+}
+
+struct Similar {
+  bool generated;
+  bestShotInfo_t info;
+};
+
+Similar similar(Pair& p, bool faceScene, bool keep, unsigned int flags = 0, int64_t distance = kFrameUs) {
+  Similar s;
+  memset(&s.info, 0, sizeof(s.info));
+  s.info.generated = 1;
+  s.info.frameIndex = 1;
+  s.info.isFaceScene = faceScene ? 1 : 0;
+  s.generated = true;
+  p.b->top.replaceOnSimilar(s.generated, 0, &s.info, keep, p.captured->mAuxScore,
+                            p.captured->mFacesScore, flags, distance);
+  return s;
+}
+
+// A 640x360 window of the group photograph reduced by 2, at (x, y).
+kocore_test::Plane groupWindow(int x, int y) {
+  static const kocore_test::Plane half = kocore_test::reducedLuma("solvay_1920x1080.nv21", 1920, 1080, 2);
+  return kocore_test::crop(half, x, y, 640, 360);
+}
+
+}  // namespace
+
+TEST(KoTopScoreSimilarity, FaceSceneReplacesOnlyCloseBetterFramesNearTheCapture) {
+  // Same picture, best faces 60 against 50, same focus: replaced.
+  Pair p = pair(sharpView(), sharpView());
+  p.best->mFacesScore = 60;
+  Similar s = similar(p, true, true);
+  EXPECT_TRUE(s.generated);
+  EXPECT_EQ(1, s.info.replace);
+  EXPECT_EQ(KO_BS_ALG_REPLACE_SIMILAR, s.info.algBitField);
+  EXPECT_LT(s.info.similarityCoeff, 0.05f);
+  // Exactly 300,000 us away still counts as near.
+  EXPECT_EQ(1, similar(p, true, true, 0, 300000).info.replace);
+  // Further away: never a replacement; dropped only when keep holds (nearly identical).
+  s = similar(p, true, true, 0, 300001);
+  EXPECT_EQ(0, s.info.replace);
+  EXPECT_FALSE(s.generated);
+  EXPECT_EQ(KO_BS_CANCEL_SIMILAR, s.info.cancelledAlgBitField);
+  s = similar(p, true, false, 0, 300001);
+  EXPECT_EQ(0, s.info.replace);
+  EXPECT_TRUE(s.generated);
+  EXPECT_EQ(1, s.info.generated);
+  // Every override flag forbids the replacement, and a similar best shot that may not
+  // replace is dropped.
+  for (unsigned int flag : {KO_BS_OVERRIDE_MISSING_FACE_DATA, KO_BS_OVERRIDE_ZOOM,
+                            KO_BS_OVERRIDE_AF_ROI_TOUCH, KO_BS_OVERRIDE_MACRO,
+                            KO_BS_OVERRIDE_CAPTURE_REPLACED}) {
+    s = similar(p, true, false, flag);
+    EXPECT_EQ(0, s.info.replace) << flag;
+    EXPECT_FALSE(s.generated) << flag;
+    EXPECT_EQ(0u, s.info.algBitField & (KO_BS_ALG_REPLACE_SIMILAR | KO_BS_ALG_REPLACE_SIMILAR_SHIFT));
+  }
+  // Faces no better: no replacement, and the similar best shot goes.
+  p.best->mFacesScore = 50;
+  s = similar(p, true, false);
+  EXPECT_EQ(0, s.info.replace);
+  EXPECT_FALSE(s.generated);
+  // Faces far apart: the best shot stays unless the capture is within the margin (keep).
+  p.best->mFacesScore = 75;
+  EXPECT_TRUE(similar(p, true, false).generated);
+  EXPECT_EQ(0, similar(p, true, false).info.replace);
+  EXPECT_FALSE(similar(p, true, true).generated);
+  // Focus scores 15 apart count as different too.
+  p.best->mFacesScore = 60;
+  p.best->mFeScore = 65;
+  EXPECT_EQ(0, similar(p, true, false).info.replace);
+  EXPECT_TRUE(similar(p, true, false).generated);
+}
+
+TEST(KoTopScoreSimilarity, NonFaceSceneExposureOffsetAndShift) {
+  // Low-contrast pictures, the best one brighter by one histogram bin (8 grey levels) or two.
+  const kocore_test::Plane base = kocore_test::contrast(sharpView(), 0.25, 100);
+  {
+    Pair p = pair(base, kocore_test::contrast(sharpView(), 0.25, 108));
+    p.best->mAuxScore = 44;  // within 15 %
+    Similar s = similar(p, false, false);
+    EXPECT_GE(s.info.similarityCoeff, 0.1f);
+    EXPECT_EQ(-1, s.info.expOffset);
+    EXPECT_LT(s.info.expSimilarity, s.info.similarityCoeff);
+    EXPECT_EQ(0, s.info.shiftDetected);
+    EXPECT_EQ(1, s.info.replace);
+    EXPECT_EQ(KO_BS_ALG_REPLACE_SIMILAR, s.info.algBitField);
+    p.best->mAuxScore = 48;  // 15 % or more apart: not similar, no shift, no replacement
+    s = similar(p, false, false);
+    EXPECT_EQ(0, s.info.replace);
+    EXPECT_TRUE(s.generated);
+  }
+  {
+    Pair p = pair(base, kocore_test::contrast(sharpView(), 0.25, 116));
+    p.best->mAuxScore = 44;
+    Similar s = similar(p, false, false);
+    EXPECT_EQ(-2, s.info.expOffset);
+    EXPECT_EQ(0, s.info.replace);
+    EXPECT_TRUE(s.generated);
+    s = similar(p, false, true);  // keep: the capture is as good
+    EXPECT_FALSE(s.generated);
+    EXPECT_EQ(KO_BS_CANCEL_SIMILAR, s.info.cancelledAlgBitField);
+  }
+  // Identical pictures far from the capture: no replacement, dropped only with keep.
+  {
+    Pair p = pair(sharpView(), sharpView());
+    p.best->mAuxScore = 50;
+    bestShotInfo_t exposure;
+    memset(&exposure, 0, sizeof(exposure));
+    exposure.frameIndex = 1;
+    EXPECT_FALSE(p.b->top.checkSimilarityExposure(0, &exposure));
+    EXPECT_EQ(0, exposure.expOffset);
+    EXPECT_LT(exposure.expSimilarity, 0.01f);
+    Similar s = similar(p, false, false, 0, 300001);
+    EXPECT_EQ(0, s.info.replace);
+    EXPECT_TRUE(s.generated);
+    s = similar(p, false, true, 0, 300001);
+    EXPECT_FALSE(s.generated);
+    s = similar(p, false, false, 0, 300000);
+    EXPECT_EQ(1, s.info.replace);
+  }
+  // A shifted view with different exposure: the shift decides.
+  {
+    Pair p = pair(kocore_test::contrast(groupWindow(100, 80), 0.5, 40),
+                  kocore_test::contrast(groupWindow(112, 86), 0.5, 56));
+    p.best->mAuxScore = 60;
+    Similar s = similar(p, false, false);
+    EXPECT_GE(s.info.similarityCoeff, 0.1f);
+    EXPECT_EQ(1, s.info.shiftDetected);
+    EXPECT_EQ(1, s.info.replace);
+    EXPECT_EQ(KO_BS_ALG_REPLACE_SIMILAR_SHIFT, s.info.algBitField);
+    p.best->mAuxScore = 30;  // the captured frame is better
+    s = similar(p, false, false);
+    EXPECT_FALSE(s.generated);
+    EXPECT_EQ(KO_BS_CANCEL_SIMILAR_SHIFT, s.info.cancelledAlgBitField);
+  }
+}
+
+TEST(KoTopScoreSimilarity, CheckShiftFindsARealTranslationOnly) {
+  struct Case {
+    kocore_test::Plane best;
+    int shifted;
+  } cases[] = {
+      {groupWindow(112, 86), 1},
+      {groupWindow(100, 80), 0},
+      {kocore_test::gaussianBlur(groupWindow(100, 80), 1.5), 0},
+  };
+  for (const Case& c : cases) {
+    Pair p = pair(groupWindow(100, 80), c.best);
+    bestShotInfo_t info;
+    memset(&info, 0, sizeof(info));
+    p.b->top.checkShift(p.captured, p.best, &info);
+    EXPECT_EQ(c.shifted, info.shiftDetected);
+  }
+}
+
+TEST(KoTopScoreDecision, FacesScoreInterpolationAndPopulation) {
+  Bench b;
+  const float faces[7] = {10, 0, 30, 0, 0, 0, 50};
+  for (uint32_t id = 0; id < 7; ++id) b.add(id + 1, id * kFrameUs, id == 1)->mFacesScore = faces[id];
+  EXPECT_FLOAT_EQ(20.0f, b.top.interpolateFacesScore(1));  // 10 before, 30 after
+  EXPECT_FLOAT_EQ(40.0f, b.top.interpolateFacesScore(5));  // 30 three back, 50 after
+  EXPECT_FLOAT_EQ(0.0f, b.top.interpolateFacesScore(6));  // last: 30 is four back, no next
+  EXPECT_FLOAT_EQ(30.0f, b.top.interpolateFacesScore(3));  // 30 before, next is 0
+  EXPECT_FLOAT_EQ(0.0f, b.top.interpolateFacesScore(0));   // index 0: only the next frame
+  EXPECT_FLOAT_EQ(10.0f, b.top.interpolateFacesScore(-1));  // before the start: frame 0 next
+
+  // Population needs the frame and its buffer.
+  bestShotInfo_t info;
+  memset(&info, 0, sizeof(info));
+  info.frameIndex = 42;
+  info.cancelledAlgBitField = 0x10;
+  bool generated = false;
+  b.top.populateBestShot(score(3, 1, 7.0f), &info, generated);  // no buffer
+  EXPECT_FALSE(generated);
+  EXPECT_EQ(0, info.frameId);
+  b.top.populateBestShot(score(99, 1, 7.0f), &info, generated);  // not in the history
+  EXPECT_FALSE(generated);
+  b.top.populateBestShot(score(2, 123, 7.0f), &info, generated);
+  EXPECT_TRUE(generated);
+  EXPECT_EQ(1, info.generated);
+  EXPECT_EQ(2, info.frameId);
+  EXPECT_EQ(1, info.frameIndex);
+  EXPECT_EQ(123, info.timestampUs);
+  EXPECT_FLOAT_EQ(7.0f, info.bsScore);
+  EXPECT_EQ(0u, info.cancelledAlgBitField);
+}
