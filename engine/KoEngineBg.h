@@ -10,10 +10,12 @@
 #include "AHandler.h"
 #include "ALooper.h"
 #include "AMessage.h"
+#include "KoEngineTypes.h"
 
 namespace android {
 
 class KoEngine;
+struct KoSequenceData;
 
 class KoEngineBg : public AHandler {
  public:
@@ -26,6 +28,22 @@ class KoEngineBg : public AHandler {
   int getHandlerId() const { return id(); }
   void deinit();
   void deinit_l();
+
+  // The analysis of one capture sequence, in order: temporal statistics, focus/exposure choice,
+  // face-identity data and best shot (only when the foreground has not run them itself), then
+  // the motion decision and the preview-history step. Each finished result is reported to the
+  // foreground with 'bgcm' (or 'ssvd' for a clip worth keeping).
+  void handleEncodeData(int jobId, bool previewHist, bool processFg, KO_cam_position_t camPosition);
+  // The steps. The first three also run on the foreground thread for its running best-shot
+  // pass: they touch only the sequence they are given and the engine's analysers, never mLock.
+  void processFrameStats(KoSequenceData* seq);
+  void findBestFE(KoSequenceData* seq);
+  void processFaceIdBasedData(KoSequenceData* seq);
+  void findBestShot(KoSequenceData* seq);
+  void processMotionDetect(KoSequenceData* seq);
+  int writePreviewHistoryToFile(KoSequenceData* seq, bool previewHist, KO_cam_position_t camPosition);
+  void postBGProcessCompletedMsg(int jobId, uint32_t processField);
+  void postBGSetStartVideoMsg(int jobId);
 
   pthread_mutex_t mLock;
   KoEngine* mEngine;

@@ -11,10 +11,12 @@
 #include "DexMotionDetection.h"
 #include "KoEngine.h"
 #include "KoEngineBg.h"
+#include "KoBestShot.h"
 #include "KoFrameHistSnapshot.h"
 #include "KoPreviewEncode.h"
 #include "KoSequenceQueue.h"
 #include "KoStatsData.h"
+#include "KoTopScore.h"
 
 #undef LOG_TAG
 #define LOG_TAG "KoEngineFg"
@@ -44,6 +46,7 @@ KoEngineFg::KoEngineFg(KoEngine* engine)
     : mReportedParam1(85),
       mReportedParam2(85),
       mEngine(engine),
+      mTopScore(nullptr),
       mLooper(new ALooper()),
       mLooperRunning(false),
       mFrameHist(nullptr),
@@ -59,12 +62,15 @@ KoEngineFg::KoEngineFg(KoEngine* engine)
   pthread_mutex_init(&mLock, nullptr);
   pthread_cond_init(&mStopCond, nullptr);
   mFrameHist = new KoFrameHist();
+  mTopScore = new KoTopScore(mFrameHist);
 }
 
 KoEngineFg::~KoEngineFg() {
   mState = 2;
   pthread_mutex_lock(&mLock);
   deinit_l();
+  delete mTopScore;
+  mTopScore = nullptr;
   delete mFrameHist;
   mFrameHist = nullptr;
   pthread_mutex_unlock(&mLock);
@@ -248,6 +254,15 @@ void KoEngineFg::onMessageReceived(const sp<AMessage>& msg) {
       msg->findInt32("jobId", &i0);
       handleEncodeData(i0);
       break;
+    case kWhatSetStartVideo:
+      msg->findInt32("jobId", &i0);
+      handleSetStartVideo(i0);
+      break;
+    case kWhatVideoEncoded:
+      msg->findInt32("jobId", &i0);
+      msg->findInt32("videoSaved", &i1);
+      handleVideoEncodeComplete(i0, i1 != 0);
+      break;
     default:
       // Codes whose stages are not handled here are ignored.
       break;
@@ -280,6 +295,7 @@ void KoEngineFg::handlePreviewFrame(sp<KoFrameData>& frame, KO_PreviewFrameData_
   }
   mLowFpsMode = getLowFpsMode(mFrameHist, mCamPosition == KO_CAM_POSITION_FRONT, mLowFpsMode);
   mMissingFaceDataMode = getMissingFaceDataMode(mFrameHist);
+  mTopScore->flushListIfNeeded(mMissingFaceDataMode);
 
   const size_t count = mFrameHist->size();
   if (count > 1) {
@@ -290,10 +306,15 @@ void KoEngineFg::handlePreviewFrame(sp<KoFrameData>& frame, KO_PreviewFrameData_
     if ((features & camMotionBits) == camMotionBits) processCamMotion(current);
     processFrameStats(current, previous);
     if (features & KoEngine::FEATURE_MOTION_SCORES) processMotionScores(current, mFrameHist);
+    if (mProcessInFg) processBestShotInFG();
   }
 
   Vector<int> ready;
   queue->maintainQueue(mFrameHist, ready);
+  for (size_t i = 0; i < ready.size(); ++i) {
+    if (mProcessInFg) captureBestShotFromFG(ready[i]);
+    postEncodeDataMsg(ready[i]);
+  }
 }
 
 void KoEngineFg::handleMetaFaceFrame(sp<KoFaceMetaData>& face, unsigned int frameId, bool late) {
@@ -377,6 +398,7 @@ void KoEngineFg::handleTakePicture(int jobId, unsigned int frameId, long long ti
     if (doneCb) doneCb(mEngine->mCookie, jobId);
     return;
   }
+  if (mProcessInFg) mTopScore->setCapturedFrameId(jobId, frameId, timeStamp);
   mEngine->mSequenceQueue->newSequence(jobId, timeStamp, static_cast<int>(frameId), orientation, videoFd,
                                        metadataFd, config, bestShot, video, exifTs, hdrMode);
   handleEncodeData(jobId);
@@ -473,6 +495,110 @@ void KoEngineFg::handleProcessCompleted(int jobId, int processField) {
     KO_engineDoneCallBack_t cb = mEngine->mEngineDoneCb;
     if (cb) cb(mEngine->mCookie, jobId);
   }
+}
+
+void KoEngineFg::processBestShotInFG() {
+  KoFrameHistSnapshot* snapshot = new KoFrameHistSnapshot(mFrameHist);
+  if (snapshot->size() == 0) {
+    delete snapshot;
+    return;
+  }
+  KoSequenceQueue* queue = mEngine->mSequenceQueue;
+  const size_t newestIndex = snapshot->size() - 1;
+  const sp<KoFrameData>& newest = snapshot->mHistory[newestIndex]->mFrameData;
+  const KO_timespec_t noExifTs = {0, 0};
+  queue->newSequence(KO_SEQ_INTERNAL_JOB_ID, newest->mTimestamp, static_cast<int>(newest->mFrameId), 0, -1, -1,
+                     sp<ABuffer>(), false, false, noExifTs, false);
+  KoSequenceData* job = queue->getSequence(KO_SEQ_INTERNAL_JOB_ID);
+  if (!job) {
+    delete snapshot;
+    return;
+  }
+  job->mSnapshot = snapshot;  // the sequence owns it from here
+  memset(job->mSceneInfo, 0, sizeof(job->mSceneInfo));
+  job->mCapturedFrameIndex = static_cast<int32_t>(newestIndex);
+
+  KoBestShot* bestShot = new KoBestShot();
+  const bool faceScene = KoBestShot::isFaceScene(static_cast<unsigned int>(newestIndex), snapshot) != 0;
+  job->mSceneInfo[0] = faceScene ? 0 : 1;
+  mReportedParam1 = faceScene ? 100 : 85;
+  mReportedParam2 = 85;
+
+  // The background handler's analysis steps, run here on the foreground thread.
+  KoEngineBg* bg = mEngine->mBg.get();
+  if (bg) {
+    bg->processFrameStats(job);
+    bg->findBestFE(job);
+    bg->processFaceIdBasedData(job);
+  }
+  bestShot->findFrameInFG(job, mMissingFaceDataMode);
+  Vector<KoBestShot::BSScore> list;
+  bestShot->getBestShotList(list);
+  mTopScore->addTopScoreList(list, mMissingFaceDataMode);
+  delete bestShot;
+  queue->removeSequence(KO_SEQ_INTERNAL_JOB_ID);
+}
+
+void KoEngineFg::captureBestShotFromFG(int jobId) {
+  KoSequenceQueue* queue = mEngine->mSequenceQueue;
+  bestShotInfo_t main, replace;
+  memset(&main, 0, sizeof(main));
+  memset(&replace, 0, sizeof(replace));
+  KoSequenceData* job = queue->getSequence(jobId);
+  if (job) {
+    KoFrameHistSnapshot* snapshot = job->mSnapshot;
+    unsigned int override = getReplaceOverride(snapshot);
+    const uint32_t found = mTopScore->getBestShot(jobId, &main, &replace, job->mHdrMode != 0, override);
+    if (found) {
+      bestShotInfo_t* results[2] = {&main, &replace};
+      for (int r = 0; r < 2; ++r) {
+        bestShotInfo_t& out = job->mBestShotInfo[r];
+        out = *results[r];
+        out.replaceOverride = static_cast<int32_t>(override);
+        if (snapshot) {
+          const int index = snapshotIndexOf(snapshot, static_cast<uint32_t>(out.frameId));
+          if (index >= 0) out.frameIndex = index;
+        }
+      }
+    }
+  }
+  // The background analysis is not needed for the best shot any more.
+  queue->setProcessField(jobId, KO_SEQ_FG_ANALYSIS_DONE);
+  handleProcessCompleted(jobId, KO_SEQ_BESTSHOT_DELIVERED);
+}
+
+void KoEngineFg::postEncodeDataMsg(int jobId) {
+  KoEngineBg* bg = mEngine->mBg.get();
+  if (!bg) return;
+  sp<AMessage> msg = new AMessage(kWhatEncodeData, bg->id());
+  msg->setInt32("jobId", jobId);
+  msg->setInt32("preview_hist", mPreviewHist);
+  msg->setInt32("process_fg", mProcessInFg ? 1 : 0);
+  msg->setInt32("cam_position", static_cast<int32_t>(mCamPosition));
+  msg->post();
+}
+
+void KoEngineFg::handleSetStartVideo(int jobId) {
+  KoSequenceQueue* queue = mEngine->mSequenceQueue;
+  KoSequenceData* job = queue->getSequence(jobId);
+  if (!job || !(queue->getProcessField(jobId) & KO_SEQ_MOTION_DONE)) return;
+  queue->setProcessField(jobId, KO_SEQ_VIDEO_START_SET);
+  // No clip is cut from the preview yet: the job's clip ends at once as cancelled, so that the
+  // job still finishes (no video-done callback is made for it).
+  job->mVideoCancelled = 1;
+  handleVideoEncodeComplete(jobId, false);
+}
+
+void KoEngineFg::handleVideoEncodeComplete(int jobId, bool saved) {
+  KoSequenceQueue* queue = mEngine->mSequenceQueue;
+  KoSequenceData* job = queue->getSequence(jobId);
+  if (!job) return;
+  job->mVideoSaved = saved && !job->mVideoCancelled ? 1 : 0;
+  queue->setProcessField(jobId, KO_SEQ_VIDEO_FINISHED | KO_SEQ_VIDEO_END_SET);
+  sp<AMessage> msg = new AMessage(kWhatProcessCompleted, id());
+  msg->setInt32("jobId", jobId);
+  msg->setInt32("processField", static_cast<int32_t>(KO_SEQ_VIDEO_DELIVERED));
+  msg->post();
 }
 
 void KoEngineFg::debugPrintSnapshot(KoSequenceData* job) {

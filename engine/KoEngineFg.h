@@ -23,6 +23,7 @@
 namespace android {
 
 class KoEngine;
+class KoTopScore;
 
 // Message codes: four characters packed big-endian into `what`.
 constexpr uint32_t koFourCC(char a, char b, char c, char d) {
@@ -84,6 +85,15 @@ class KoEngineFg : public AHandler {
                          bool hdrMode, bool late);
   void handleProcessCompleted(int jobId, int processField);
   void processBestShotDone(int jobId, KoSequenceData* job, bestShotInfo_t* result);
+  void handleSetStartVideo(int jobId);
+  void handleVideoEncodeComplete(int jobId, bool saved);
+
+  // Best shot in the foreground: the running candidate list on every kept frame, and the
+  // decision for each job that has collected its frames.
+  void processBestShotInFG();
+  void captureBestShotFromFG(int jobId);
+  // Hands a job whose frames are collected to the background handler.
+  void postEncodeDataMsg(int jobId);
 
   // Per-frame statistics.
   void processFrameStats(sp<KoFrameData>& current, sp<KoFrameData>& previous);
@@ -102,6 +112,7 @@ class KoEngineFg : public AHandler {
   std::atomic<int32_t> mReportedParam2;
   pthread_mutex_t mLock;
   KoEngine* mEngine;
+  KoTopScore* mTopScore;
   sp<ALooper> mLooper;
   bool mLooperRunning;
   pthread_cond_t mStopCond;

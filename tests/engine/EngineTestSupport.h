@@ -131,6 +131,18 @@ class SimulatedCamera {
     return mStatistics;
   }
 
+  // Best-shot-done and engine-done callbacks in the order they came.
+  struct Event {
+    enum Kind { kBestShotDone, kEngineDone } kind;
+    int jobId;
+    uint32_t frameId;  // best shot: the chosen frame
+    bool replace;      // best shot: the capture is to be replaced
+  };
+  std::vector<Event> events() {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mEvents;
+  }
+
   // A slow consumer: callbacks of this kind block while set.
   std::atomic<int> mStatisticsDelayMs{0};
 
@@ -150,6 +162,7 @@ class SimulatedCamera {
     SimulatedCamera* cam = self(cookie);
     std::lock_guard<std::mutex> lock(cam->mLock);
     cam->mEngineDone.push_back(jobId);
+    cam->mEvents.push_back({Event::kEngineDone, jobId, 0, false});
   }
   static void onStatistics(void* cookie, int /*jobId*/, android::KO_statistics_cb_t* stats) {
     SimulatedCamera* cam = self(cookie);
@@ -158,10 +171,11 @@ class SimulatedCamera {
     const uint8_t* data = static_cast<const uint8_t*>(stats->data);
     cam->mStatistics.emplace_back(data, data + stats->size);
   }
-  static void onBestShotDone(void* cookie, int jobId, android::KO_bestShotDone_cb_t* /*result*/) {
+  static void onBestShotDone(void* cookie, int jobId, android::KO_bestShotDone_cb_t* result) {
     SimulatedCamera* cam = self(cookie);
     std::lock_guard<std::mutex> lock(cam->mLock);
     cam->mBestShotDone.push_back(jobId);
+    cam->mEvents.push_back({Event::kBestShotDone, jobId, result ? result->frameId : 0, result && result->replace});
   }
 
   std::vector<uint8_t> mPicture;
@@ -175,6 +189,7 @@ class SimulatedCamera {
   int mDoubleReturns = 0;
   std::vector<int> mEngineDone;
   std::vector<int> mBestShotDone;
+  std::vector<Event> mEvents;
   std::vector<std::vector<uint8_t>> mStatistics;
 };
 

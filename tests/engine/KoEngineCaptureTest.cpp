@@ -1,0 +1,195 @@
+// Captures end to end through the public interface: every capture finishes with its callbacks
+// in order and the ZSL buffers come back exactly once, however dense the captures; and the
+// engine can be destroyed with any kind of message still in flight.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <future>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "EngineTestSupport.h"
+#include "KoEngineBg.h"
+#include "KoMemory.h"
+#include "KoSequenceQueue.h"
+
+using namespace android;
+using kovane_test::SimulatedCamera;
+using kovane_test::waitForFrame;
+using kovane_test::waitUntil;
+
+namespace {
+
+uint8_t gConfig[16] = {1, 2, 3};
+
+KO_TakePicture_t picture(int jobId, uint32_t frameId, bool video) {
+  KO_TakePicture_t pic = {};
+  pic.jobId = jobId;
+  pic.frameId = static_cast<int32_t>(frameId);
+  pic.timeStamp = SimulatedCamera::timestampOf(frameId);
+  pic.videoFd = -1;
+  pic.metadataFd = -1;
+  pic.config = gConfig;
+  pic.configSize = sizeof(gConfig);
+  pic.bestShotEnable = true;
+  pic.videoEnable = video;
+  return pic;
+}
+
+// Frame `id` with its face record, metadata and (when the camera has one free) a ZSL buffer.
+void post(SimulatedCamera& cam, KoEngine* engine, uint32_t id) {
+  KO_PreviewFrameData_t p = cam.preview(id);
+  engine->handlePreviewFrame(&p);
+  KO_cam_face_detection_data_t face = SimulatedCamera::face(id);
+  KO_MetaFrameData_t meta = cam.meta(id);
+  engine->handleMetadataFrame(&face, &meta);
+  KO_ZslFrameData_t zsl;
+  if (cam.lendZsl(id, &zsl)) engine->handleZslFrame(&zsl);
+}
+
+// Deletes the engine on another thread; false when that does not end within the deadline.
+bool destroyWithin(KoEngine* engine, int seconds) {
+  auto done = std::async(std::launch::async, [engine] { delete engine; });
+  return done.wait_for(std::chrono::seconds(seconds)) == std::future_status::ready;
+}
+
+}  // namespace
+
+TEST(KoEngineCapture, ACaptureEveryHundredMillisecondsForTenSecondsAllFinish) {
+  SimulatedCamera cam;
+  ASSERT_TRUE(cam.ready());
+  KO_KoEngineConfig_t config = {true, true, true};
+  KoEngine* engine = new KoEngine(&cam, &config);
+  cam.attach(engine);
+  ASSERT_EQ(engine->handleStartPreview(1920, 1080, 0, false, true, KO_CAM_POSITION_BACK), 0);
+
+  // 300 frames at 30 fps, a shutter press on every third frame from frame 10 on; half of the
+  // captures ask for a clip too. Each frame is handed over once the previous one is in the
+  // history, as a camera at the engine's pace would.
+  const uint32_t kFrames = 300;
+  std::vector<int> jobs;
+  size_t mostHeld = 0;
+  for (uint32_t id = 1; id <= kFrames; ++id) {
+    post(cam, engine, id);
+    ASSERT_TRUE(waitForFrame(engine, id)) << id;
+    if (id >= 10 && id % 3 == 0) {
+      const int job = static_cast<int>(id);
+      KO_TakePicture_t pic = picture(job, id, id % 2 == 0);
+      ASSERT_EQ(engine->handleTakePicture(&pic), 0);
+      jobs.push_back(job);
+    }
+    mostHeld = std::max<size_t>(mostHeld, engine->mMemory->count());
+  }
+  // The last captures still need frames after their shutter.
+  for (uint32_t id = kFrames + 1; id <= kFrames + 10; ++id) {
+    post(cam, engine, id);
+    ASSERT_TRUE(waitForFrame(engine, id)) << id;
+  }
+
+  ASSERT_TRUE(waitUntil([&] { return cam.engineDone().size() >= jobs.size(); }, 60000))
+      << cam.engineDone().size() << " of " << jobs.size() << " captures finished";
+  std::vector<int> done = cam.engineDone();
+  std::sort(done.begin(), done.end());
+  EXPECT_EQ(done, jobs) << "each capture finishes exactly once";
+  EXPECT_EQ(engine->mSequenceQueue->getNumActiveJobs(), 0);
+
+  // Each best-shot result precedes its job's end, and none comes for an unknown job.
+  const std::vector<kovane_test::SimulatedCamera::Event> events = cam.events();
+  std::map<int, bool> ended;
+  for (const auto& e : events) {
+    if (e.kind == kovane_test::SimulatedCamera::Event::kEngineDone) {
+      EXPECT_FALSE(ended[e.jobId]) << e.jobId;
+      ended[e.jobId] = true;
+    } else if (e.kind == kovane_test::SimulatedCamera::Event::kBestShotDone) {
+      EXPECT_FALSE(ended[e.jobId]) << "best shot of job " << e.jobId << " after its end";
+      EXPECT_TRUE(std::binary_search(jobs.begin(), jobs.end(), e.jobId)) << e.jobId;
+    }
+  }
+
+  // With every job done the engine holds at most the candidate list's buffers, and it never
+  // held more than its seven.
+  EXPECT_LE(mostHeld, static_cast<size_t>(KoMemory::MAX_BUFFERS));
+  EXPECT_LE(cam.zslOut(), 5u);
+
+  ASSERT_TRUE(destroyWithin(engine, 30));
+  EXPECT_EQ(cam.zslOut(), 0u);
+  EXPECT_EQ(cam.doubleReturns(), 0);
+}
+
+TEST(KoEngineCapture, DestroyedWithEachKindOfMessageInFlight) {
+  // Every message kind either handler takes, queued in numbers behind a few frames and a
+  // capture, then the engine is destroyed at once.
+  const std::vector<std::string> kinds = {"pref", "facf", "meta", "zslf", "tkpc", "stpr", "stre", "spre",
+                                          "zslc", "late", "bgcm", "ssvd", "vide", "encd-fg", "encd-bg"};
+  for (const std::string& kind : kinds) {
+    SCOPED_TRACE(kind);
+    SimulatedCamera cam;
+    ASSERT_TRUE(cam.ready());
+    KO_KoEngineConfig_t config = {true, true, true};
+    KoEngine* engine = new KoEngine(&cam, &config);
+    cam.attach(engine);
+    engine->handleStartPreview(1920, 1080, 0, false, true, KO_CAM_POSITION_BACK);
+    const int kJob = 5;
+    for (uint32_t id = 1; id <= 12; ++id) {
+      post(cam, engine, id);
+      if (id == kJob) {
+        KO_TakePicture_t pic = picture(kJob, id, true);
+        engine->handleTakePicture(&pic);
+      }
+    }
+    const ALooper::handler_id fg = engine->mFg->getHandlerId();
+    const ALooper::handler_id bg = engine->mBg->getHandlerId();
+    for (int n = 0; n < 20; ++n) {
+      const uint32_t id = 13 + static_cast<uint32_t>(n);
+      KO_cam_face_detection_data_t face = SimulatedCamera::face(id);
+      KO_MetaFrameData_t meta = cam.meta(id);
+      KO_ZslFrameData_t zsl;
+      if (kind == "pref") {
+        KO_PreviewFrameData_t p = cam.preview(id);
+        engine->handlePreviewFrame(&p);
+      } else if (kind == "facf" || kind == "meta") {
+        engine->handleMetadataFrame(kind == "facf" ? &face : nullptr, &meta);
+      } else if (kind == "zslf") {
+        if (cam.lendZsl(id, &zsl)) engine->handleZslFrame(&zsl);
+      } else if (kind == "tkpc") {
+        KO_TakePicture_t pic = picture(100 + n, 12, n % 2 == 0);
+        engine->handleTakePicture(&pic);
+      } else if (kind == "stpr") {
+        engine->handleStartPreview(1920, 1080, 0, false, true, KO_CAM_POSITION_BACK);
+      } else if (kind == "stre") {
+        engine->handleStartRecording();
+      } else if (kind == "spre") {
+        engine->handleStopRecording();
+      } else if (kind == "zslc") {
+        engine->handleZslChannelCb();
+      } else if (kind == "late") {
+        engine->postLateMessage();
+      } else {
+        sp<AMessage> msg;
+        if (kind == "bgcm") {
+          msg = new AMessage(KoEngineFg::kWhatProcessCompleted, fg);
+          msg->setInt32("processField", 0x100 << (n % 3));
+        } else if (kind == "ssvd") {
+          msg = new AMessage(KoEngineFg::kWhatSetStartVideo, fg);
+        } else if (kind == "vide") {
+          msg = new AMessage(KoEngineFg::kWhatVideoEncoded, fg);
+          msg->setInt32("videoSaved", n % 2);
+        } else if (kind == "encd-fg") {
+          msg = new AMessage(KoEngineFg::kWhatEncodeData, fg);
+        } else {
+          msg = new AMessage(KoEngineFg::kWhatEncodeData, bg);
+          msg->setInt32("preview_hist", 0);
+          msg->setInt32("process_fg", n % 2);
+          msg->setInt32("cam_position", 0);
+        }
+        msg->setInt32("jobId", kJob);
+        msg->post();
+      }
+    }
+    ASSERT_TRUE(destroyWithin(engine, 30));
+    EXPECT_EQ(cam.zslOut(), 0u);
+    EXPECT_EQ(cam.doubleReturns(), 0);
+  }
+}
