@@ -60,7 +60,9 @@ bool CameraSimulator::start(std::string* error) {
   // The "device" has an accelerometer and a gyroscope; the replay injects their events.
   HostSensorFeed::reset();
   HostSensorFeed::setSensors({ASENSOR_TYPE_ACCELEROMETER, ASENSOR_TYPE_GYROSCOPE});
-  KO_KoEngineConfig_t config = {mOptions.bestShot, /*videoEnable*/ false, /*auxEnable*/ true};
+  // Clips are allowed by the configuration (which also turns on the per-frame motion scores);
+  // each capture asks for none.
+  KO_KoEngineConfig_t config = {mOptions.bestShot, /*videoEnable*/ true, /*auxEnable*/ true};
   mEngine = new KoEngine(this, &config);
   mEngine->registerFrameDoneCallBack(&CameraSimulator::onFrameDone);
   mEngine->registerStatisticsCallBack(&CameraSimulator::onStatistics);
@@ -321,6 +323,9 @@ void CameraSimulator::onBestShotDone(void* cookie, int jobId, KO_bestShotDone_cb
   std::lock_guard<std::mutex> lock(cam->mLock);
   Job* job = cam->findJob(jobId);
   if (!job || !result) return;
+  // A capture can get two results: the replace result first, then the main one. The camera
+  // keeps the first result that asks to replace the picture; a later one does not undo it.
+  if (job->bestShotDone && job->replace) return;
   job->bestShotDone = true;
   job->decisionMs = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() -
                                                               job->pressedAt).count();
