@@ -23,8 +23,9 @@ class DexBlurDetect {
   // blurred. Calibrated on real photographs measured on the 2x reduction of their 640x360
   // view: sharp ones score about 0.75 and more, with or without Gaussian noise of 4 grey
   // levels added to the view; the same pictures blurred at the view by a Gaussian of sigma
-  // 1.5 pixels or a 7-pixel linear motion streak score about 0.1 or less (centre: 0.13 or
-  // less; the engine's threshold is 0.17), noisy or not; a real whip-pan frame about 0.1.
+  // 1.5 pixels or a 7-pixel linear motion streak score 0.14 or less (centre: about 0.17 or
+  // less; the engine's threshold is 0.17), noisy or not; a real whip-pan frame about 0.14; a
+  // soft but unblurred picture (a 400x300 webcam picture scaled up to 640x480) 0.2 and more.
   // An image without texture (RMS neighbour difference below one grey level once the noise
   // is discounted) or smaller than 8x8 yields -1.
   // scratch1 and scratch2 hold width * height values each. Returns 0, or -1 (logged, coeff and

@@ -21,7 +21,8 @@
 //     most 40); more clipped pixels (darkest or brightest histogram bin) than the neighbours by
 //     over 2 % of the picture cost 1 point per further per cent (at most 20).
 //   - subject motion: the larger of the whole-frame and central subject-motion scores beyond
-//     0.25 (of 1) costs up to 20 points; a frame without its own motion estimate takes that of
+//     0.35 (of 1) costs 20 points per unit, at most 10 (a talking face moves all the time without
+//     spoiling the picture); a frame without its own motion estimate takes that of
 //     the nearest frame with one within 2 frames.
 //   - camera motion: a shaking camera costs 15 points, a panning one 10.
 // facesScore: 0.0 when the frame shows no face (or its faces are unknown). Otherwise the
@@ -92,8 +93,8 @@ class KoBestShot {
   // snapshot.
   int findFrame(KoSequenceData* job);
 
-  // The score records of the last pass, oldest frame first (replaces out's contents).
-  // Returns the number of records.
+  // The score records of the last pass (replaces out's contents): newest frame first after the
+  // foreground pass, oldest first after the background pass. Returns the number of records.
   int getBestShotList(Vector<BSScore>& out);
 
   // Non-zero when the frame at `index` of `hist` shows a face that matters to the picture: one

@@ -24,9 +24,10 @@
 //
 // Figures at 320x180 (score before mapping): sharp photographs 0.51-0.57 with or without
 // noise of 4 grey levels added at 640x360; the same blurred at 640x360 by a Gaussian of 1.5
-// pixels 0.065-0.082, by a 7-pixel motion streak 0.04-0.06, noisy or not. The score maps
-// linearly to the coefficient between kScoreBlurred and kScoreSharp, putting the engine's
-// 0.17 threshold at a score of about 0.13.
+// pixels 0.065-0.082, by a 7-pixel motion streak 0.04-0.06, noisy or not; a soft picture that
+// is not blurred (a 400x300 webcam picture scaled up to 640x480) 0.126 and more. The score maps
+// linearly to the coefficient between kScoreBlurred and kScoreSharp, putting the engine's 0.17
+// threshold at a score of about 0.105, between the two.
 #include "DexBlurDetect.h"
 
 #include <log/log.h>
@@ -41,7 +42,7 @@ namespace {
 constexpr const char* kTag = "DexBlurDetect";
 
 // Score to coefficient: linear between these two scores, clamped to [0, 1].
-constexpr double kScoreBlurred = 0.02;
+constexpr double kScoreBlurred = -0.009;
 constexpr double kScoreSharp = 0.66;
 // Below this mean squared neighbour difference (grey levels^2, noise discounted) the picture
 // has no texture.

@@ -45,9 +45,12 @@ constexpr float kClipTolerance = 0.02f;
 constexpr float kClipPointsPerUnit = 100.0f;
 constexpr float kClipMaxPenalty = 20.0f;
 // Subject motion (0..1): tolerated score, points per further unit, cap; "strong" for auxScore.
-constexpr float kMotionTolerance = 0.25f;
-constexpr float kMotionPointsPerUnit = 30.0f;
-constexpr float kMotionMaxPenalty = 20.0f;
+// A talking face moves its mouth and head all the time (0.3-0.8 on the webcam clips) without
+// spoiling the picture; only stronger motion costs, and at most two steps, so that ordinary
+// motion never outweighs a blink.
+constexpr float kMotionTolerance = 0.35f;
+constexpr float kMotionPointsPerUnit = 20.0f;
+constexpr float kMotionMaxPenalty = 10.0f;
 constexpr float kStrongMotionPenalty = 10.0f;
 constexpr int kMotionBorrowFrames = 2;
 // Camera motion.
@@ -329,15 +332,18 @@ int KoBestShot::findFrameInFG(KoSequenceData* job, bool missingFaceDataMode) {
   long newest = job->mCapturedFrameIndex;
   if (newest < 0 || static_cast<size_t>(newest) >= count) newest = static_cast<long>(count) - 1;
 
-  // The newest frames with statistics, newest first; then reversed to oldest first.
-  BSScore found[kForegroundFrames];
+  // The newest frames with statistics, newest first. The candidate list merges a batch from its
+  // last record backwards and keeps equal scores in the order they were added, so this order
+  // ranks the older of two equal frames first: the one whose ZSL buffer has surely arrived.
   size_t n = 0;
   for (long i = newest; i >= 0 && n < kForegroundFrames; --i) {
     BSScore s;
     memset(&s, 0, sizeof(s));
-    if (scoreFrame(hist, static_cast<size_t>(i), missingFaceDataMode, s)) found[n++] = s;
+    if (scoreFrame(hist, static_cast<size_t>(i), missingFaceDataMode, s)) {
+      mScores.push_back(s);
+      ++n;
+    }
   }
-  for (size_t k = n; k > 0; --k) mScores.push_back(found[k - 1]);
   return 0;
 }
 

@@ -137,8 +137,8 @@ TEST(KoBestShotScores, ForegroundPassScoresTheNewestFramesWithStatistics) {
     ASSERT_EQ(bs.findFrameInFG(&job.seq, false), 0);
     ASSERT_EQ(bs.getBestShotList(list), 5);
     for (size_t k = 0; k < 5; ++k) {
-      const sp<KoFrameData> f = h.frame(3 + k);
-      EXPECT_EQ(list[k].frameId, static_cast<int32_t>(f->mFrameId)) << "newest five, oldest first";
+      const sp<KoFrameData> f = h.frame(7 - k);
+      EXPECT_EQ(list[k].frameId, static_cast<int32_t>(f->mFrameId)) << "newest five, newest first";
       EXPECT_EQ(list[k].feScore, 100.0f);
       EXPECT_EQ(static_cast<float>(f->mFeScore), list[k].feScore);
       EXPECT_EQ(f->mBsScore, list[k].bsScore);
@@ -153,8 +153,8 @@ TEST(KoBestShotScores, ForegroundPassScoresTheNewestFramesWithStatistics) {
     Job job(h.snapshot(), 8);
     ASSERT_EQ(bs.findFrameInFG(&job.seq, false), 0);
     ASSERT_EQ(bs.getBestShotList(list), 5);
-    EXPECT_EQ(list[4].frameId, static_cast<int32_t>(h.frame(7)->mFrameId));
-    EXPECT_EQ(list[0].frameId, static_cast<int32_t>(h.frame(3)->mFrameId));
+    EXPECT_EQ(list[0].frameId, static_cast<int32_t>(h.frame(7)->mFrameId));
+    EXPECT_EQ(list[4].frameId, static_cast<int32_t>(h.frame(3)->mFrameId));
   }
   // Camera shake on frame 5, strong subject motion measured on frame 6 (frame 7, without an
   // estimate of its own, shares it): each ranks below the steady frames.
@@ -169,15 +169,16 @@ TEST(KoBestShotScores, ForegroundPassScoresTheNewestFramesWithStatistics) {
     Job job(h.snapshot(), 7);
     ASSERT_EQ(bs.findFrameInFG(&job.seq, false), 0);
     ASSERT_EQ(bs.getBestShotList(list), 5);
-    EXPECT_EQ(list[0].feScore, 100.0f);
-    EXPECT_EQ(list[1].feScore, 100.0f);
+    // Newest first: frames 7, 6, 5, 4, 3.
+    EXPECT_EQ(list[4].feScore, 100.0f);
+    EXPECT_EQ(list[3].feScore, 100.0f);
     EXPECT_EQ(list[2].feScore, 85.0f) << "shaking camera";
     EXPECT_EQ(list[2].auxField, KoBestShot::AUX_CAMERA_MOTION);
-    EXPECT_LE(list[3].feScore, 85.0f) << "subject motion";
-    EXPECT_EQ(list[4].feScore, list[3].feScore) << "shares the estimate of frame 6";
-    for (size_t k = 2; k < 5; ++k) {
-      EXPECT_LT(list[k].auxScore, std::min(list[0].auxScore, list[1].auxScore)) << k;
-      EXPECT_LT(list[k].bsScore, list[1].bsScore) << k;
+    EXPECT_LE(list[1].feScore, 90.0f) << "subject motion";
+    EXPECT_EQ(list[0].feScore, list[1].feScore) << "shares the estimate of frame 6";
+    for (size_t k = 0; k < 3; ++k) {
+      EXPECT_LT(list[k].auxScore, std::min(list[3].auxScore, list[4].auxScore)) << k;
+      EXPECT_LT(list[k].bsScore, list[3].bsScore) << k;
     }
   }
   // No snapshot: nothing.
