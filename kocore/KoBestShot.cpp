@@ -31,6 +31,8 @@ namespace {
 constexpr int kNeighbourhood = 7;
 // Frames scored by the foreground pass: the newest ones, whose face records may still arrive.
 constexpr size_t kForegroundFrames = 5;
+// Frames with statistics the foreground pass scores at most, newest first.
+constexpr size_t kForegroundLook = 8;
 
 // Sharpness: tolerated deficit against the neighbourhood, points per unit of further deficit.
 constexpr float kSharpTolerance = 0.08f;
@@ -323,7 +325,8 @@ __attribute__((no_sanitize("vptr"))) bool KoBestShot::scoreFrame(KoFrameHistBase
   return true;
 }
 
-int KoBestShot::findFrameInFG(KoSequenceData* job, bool missingFaceDataMode) {
+__attribute__((no_sanitize("vptr"))) int KoBestShot::findFrameInFG(KoSequenceData* job,
+                                                                     bool missingFaceDataMode) {
   mScores.clear();
   if (job == nullptr || job->mSnapshot == nullptr) return -1;
   KoFrameHistBase* hist = job->mSnapshot;
@@ -332,17 +335,32 @@ int KoBestShot::findFrameInFG(KoSequenceData* job, bool missingFaceDataMode) {
   long newest = job->mCapturedFrameIndex;
   if (newest < 0 || static_cast<size_t>(newest) >= count) newest = static_cast<long>(count) - 1;
 
-  // The newest frames with statistics, newest first. The candidate list merges a batch from its
-  // last record backwards and keeps equal scores in the order they were added, so this order
-  // ranks the older of two equal frames first: the one whose ZSL buffer has surely arrived.
-  size_t n = 0;
-  for (long i = newest; i >= 0 && n < kForegroundFrames; --i) {
+  // Every frame looked at is scored (its scores go into the statistics record), but only one
+  // that can still be reported as a best shot becomes a candidate: its ZSL buffer is held and
+  // its camera metadata has arrived (unless the camera sends none at all).
+  bool metadataArrives = false;
+  for (size_t i = 0; i < count && !metadataArrives; ++i) {
+    const KoFrameHistNode* node = hist->mHistory[i].get();
+    const KoFrameData* f = node != nullptr ? node->mFrameData.get() : nullptr;
+    metadataArrives = f != nullptr && hasBits(f, KoFrameData::EVENT_METADATA);
+  }
+
+  // The newest candidates, newest first. The candidate list merges a batch from its last record
+  // backwards and keeps equal scores in the order they were added, so this order ranks the
+  // older of two equal frames first.
+  size_t taken = 0;
+  size_t looked = 0;
+  for (long i = newest; i >= 0 && taken < kForegroundFrames && looked < kForegroundLook; --i) {
     BSScore s;
     memset(&s, 0, sizeof(s));
-    if (scoreFrame(hist, static_cast<size_t>(i), missingFaceDataMode, s)) {
-      mScores.push_back(s);
-      ++n;
-    }
+    if (!scoreFrame(hist, static_cast<size_t>(i), missingFaceDataMode, s)) continue;
+    ++looked;
+    const KoFrameHistNode* node = hist->mHistory[static_cast<size_t>(i)].get();
+    const KoFrameData* f = node->mFrameData.get();
+    if (node->mZslMemory == nullptr) continue;
+    if (metadataArrives && !hasBits(f, KoFrameData::EVENT_METADATA)) continue;
+    mScores.push_back(s);
+    ++taken;
   }
   return 0;
 }

@@ -129,9 +129,29 @@ TEST(KoBestShotScores, ForegroundPassScoresTheNewestFramesWithStatistics) {
   for (int i = 0; i < 8; ++i) {
     sp<KoFrameData> f = h.make(i % 2 ? b : a);
     h.add(f);
+    // Frames 1-7 hold a ZSL buffer: only they can become candidates.
+    if (i > 0) {
+      ASSERT_TRUE(h.addZsl(f->mFrameId));
+    }
   }
   KoBestShot bs;
   android::Vector<KoBestShot::BSScore> list;
+  {
+    // A newer frame with statistics but no ZSL buffer (yet) is scored, not proposed.
+    ScoringHistory g;
+    for (int i = 0; i < 4; ++i) {
+      sp<KoFrameData> f = g.make(i % 2 ? b : a);
+      g.add(f);
+      if (i < 3) {
+        ASSERT_TRUE(g.addZsl(f->mFrameId));
+      }
+    }
+    Job job(g.snapshot(), 3);
+    ASSERT_EQ(bs.findFrameInFG(&job.seq, false), 0);
+    ASSERT_EQ(bs.getBestShotList(list), 2);
+    EXPECT_EQ(list[0].frameId, static_cast<int32_t>(g.frame(2)->mFrameId));
+    EXPECT_EQ(g.frame(3)->mFeScore, 100);
+  }
   {
     Job job(h.snapshot(), 7);
     ASSERT_EQ(bs.findFrameInFG(&job.seq, false), 0);
