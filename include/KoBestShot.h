@@ -27,11 +27,12 @@
 //   - camera motion: a shaking camera costs 15 points, a panning one 10.
 // facesScore: 0.0 when the frame shows no face (or its faces are unknown). Otherwise the
 //   faces' scores combined with weights of face area times centrality (1 at the picture centre,
-//   0.5 in a corner) and rounded to an integer, in [50, 80]. A face scores 50, plus 10 per eye
-//   that is open (blink degree below 50), 5 per eye half closed (below 80), 0 per closed eye,
-//   plus 5 for a smile of degree 30 and 10 for one of 70. So open-eyed frames of a person tie,
-//   and a blink lowers the score by 5 to 20 points: enough to rank the frame lower, never the
-//   25 points the engine takes for different pictures. A frame whose face record has not
+//   0.5 in a corner) and rounded to an integer, in [50, 69]. A face scores 50, plus 7 per eye
+//   that is open (blink degree below 50), 3 per eye half closed (below 80), 0 per closed eye,
+//   plus 5 for a broad smile (degree 80 or more; a talking mouth reads up to 60 without a
+//   smile, and must not outrank the frames near a capture). So open-eyed frames tie, and a
+//   blink lowers the score by 8 to 14 points (19 against a smile): enough to rank the frame
+//   lower, never the 25 points the engine takes for different pictures. A frame whose face record has not
 //   arrived yet takes the faces score of the nearest frame within 2 that has one (unless face
 //   records are missing altogether, when it stays unknown); later passes rescore it.
 // bsScore = feScore + facesScore.
@@ -87,7 +88,7 @@ class KoBestShot {
   // foreground pass does with face records arriving), fills job->mBestShotScores and
   // zeroes the main result job->mBestShotInfo[0]. When a frame within 6 frame ids and 430 ms of
   // the capture that still holds its ZSL buffer beats the captured frame clearly (bsScore higher
-  // by 10 or more, feScore and auxScore not lower; of several the highest bsScore, then the
+  // by 6 or more, feScore and auxScore not lower; of several the highest bsScore, then the
   // nearest), the result names it (generated, frameId, frameIndex, timestampUs, bsScore,
   // referenceFrameId = the captured id) with replace set. Returns 0, or -1 for a job without
   // snapshot.

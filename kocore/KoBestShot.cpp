@@ -62,10 +62,15 @@ constexpr float kPanPenalty = 10.0f;
 // Faces.
 constexpr int kEyeOpenBelow = 50;      // blink degree below which an eye is open
 constexpr int kEyeHalfBelow = 80;      // ... half closed; at or above: closed
-constexpr float kEyeOpenBonus = 10.0f;  // per eye
-constexpr float kEyeHalfBonus = 5.0f;
-constexpr int kSmileSome = 30;
-constexpr int kSmileBroad = 70;
+// Per eye. Both eyes closed cost 14 and a smile gains 5: the faces scores of a blink and of an
+// open-eyed smile stay within 19 points, below the 25 at which the engine no longer compares
+// two frames as the same picture.
+constexpr float kEyeOpenBonus = 7.0f;
+constexpr float kEyeHalfBonus = 3.0f;
+// Only a broad smile counts: a talking mouth reads up to 60 without smiling, and a bonus on
+// such frames would keep frames far from a capture ahead of the open-eyed ones near it.
+constexpr int kSmileBroad = 80;
+constexpr float kSmileBonus = 5.0f;
 constexpr float kFaceBase = 50.0f;
 constexpr int kFaceBorrowFrames = 2;
 // Smallest face width, as a share of the preview width, that makes a face scene.
@@ -81,7 +86,7 @@ constexpr float kAuxMotion = 0.85f;
 // Best frame of the background pass: window around the capture, and how clearly it must win.
 constexpr int64_t kCaptureWindowIds = 6;
 constexpr int64_t kCaptureWindowUs = 430000;
-constexpr float kClearWin = 10.0f;  // two steps: a blink, not a smile
+constexpr float kClearWin = 6.0f;  // more than a smile (5): a blink on both eyes
 
 // Rounds a penalty to the nearest multiple of 5 (so 2.5 points beyond the tolerance are needed
 // before anything is taken), capped.
@@ -213,11 +218,7 @@ __attribute__((no_sanitize("vptr"))) FacesResult facesOf(const KoFrameData* f) {
     }
     const float weight = static_cast<float>(face.width) * static_cast<float>(face.height) * centrality;
     float score = kFaceBase + eyeBonus(face.leftBlink) + eyeBonus(face.rightBlink);
-    if (face.smileDegree >= kSmileBroad) {
-      score += 10.0f;
-    } else if (face.smileDegree >= kSmileSome) {
-      score += 5.0f;
-    }
+    if (face.smileDegree >= kSmileBroad) score += kSmileBonus;
     sum += weight * score;
     weights += weight;
     if (weight > mainWeight) {
