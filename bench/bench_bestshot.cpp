@@ -7,13 +7,14 @@
 #include <cstring>
 #include <vector>
 
+#include "BenchCamera.h"
 #include "KoEngine.h"
 #include "KoEngineFg.h"
 #include "KoFrameDataCreate.h"
 #include "KoTopScore.h"
-#include "TestData.h"
 
 using namespace android;
+using kovane_bench::Camera;
 
 namespace {
 
@@ -21,35 +22,13 @@ namespace {
 // a better frame and runs its similarity, shift and blur checks.
 constexpr uint32_t kBlinkFrame = 24;
 
-struct Camera {
-  std::vector<uint8_t> picture = kovane_test::readNv21("solvay_1920x1080.nv21", 1920, 1080);
-  std::vector<uint8_t> zslPool = std::vector<uint8_t>(64);
-  uint8_t metaBytes[64] = {1};
-  KO_cam_frame_len_offset_t planes = {};
-  Camera() {
-    planes.numPlanes = 2;
-    planes.mp[0] = {1920 * 1080, 0, 1920, 1080};
-    planes.mp[1] = {1920 * 1080 / 2, 0, 1920, 540};
-  }
-  static int64_t timestampOf(uint32_t id) { return 1000000 + static_cast<int64_t>(id) * 33333; }
-  KO_PreviewFrameData_t preview(uint32_t id) {
-    KO_PreviewFrameData_t p = {};
-    p.timeStamp = timestampOf(id);
-    p.frameId = id;
-    p.streamType = KO_STREAM_TYPE_PREVIEW;
-    p.width = 1920;
-    p.height = 1080;
-    p.data = picture.data();
-    p.colorFormat = KO_COLOR_FORMAT_NV21;
-    p.planes = &planes;
-    return p;
-  }
-};
 
 // Feeds `frames` frames straight into the foreground handler (on this thread, under its lock),
 // each with one face, metadata and a ZSL buffer; the ZSL buffers are handed back by the engine
 // as it lets them go (no frame-done callback is registered).
 void fill(KoEngine& engine, Camera& cam, uint32_t first, uint32_t frames) {
+  // Stand-ins for the camera's ZSL buffers: only their addresses travel.
+  static uint8_t zslPool[64];
   KoEngineFg* fg = engine.mFg.get();
   pthread_mutex_lock(&fg->mLock);
   for (uint32_t id = first; id < first + frames; ++id) {
@@ -75,61 +54,67 @@ void fill(KoEngine& engine, Camera& cam, uint32_t first, uint32_t frames) {
     fg->handleMetaFaceFrame(face, id, false);
 
     Ko_CameraMetaData_t camMeta = {300, 1, 1, 200.0f, 0.033f};
-    sp<ABuffer> meta = new ABuffer(sizeof(cam.metaBytes));
+    sp<ABuffer> meta = new ABuffer(64);
     fg->handleMetaFrame(id, meta, &camMeta, false);
 
     sp<KoMemoryBuffer> zsl;
-    if (engine.mMemory->addZslBuffer(cam.zslPool.data() + (id % 64), &zsl)) {
+    if (engine.mMemory->addZslBuffer(zslPool + (id % 64), &zsl)) {
       KO_ZslFrameData_t record = {};
       record.frameId = id;
-      record.buffer = cam.zslPool.data() + (id % 64);
+      record.buffer = zslPool + (id % 64);
       fg->handleZslFrame(zsl, &record, id, false);
     }
   }
   pthread_mutex_unlock(&fg->mLock);
 }
 
-void BM_ProcessBestShotInFG(benchmark::State& state) {
+// An engine whose foreground history holds 30 frames; the foreground lock is held while it
+// lives, so that the benchmark calls the handler's operations as its looper would.
+struct FullHistory {
   Camera cam;
-  if (cam.picture.empty()) {
+  KO_KoEngineConfig_t config = {true, true, true};
+  KoEngine engine{nullptr, &config};
+  KoEngineFg* fg = engine.mFg.get();
+  bool ready = !cam.picture.empty();
+  FullHistory() {
+    if (!ready) return;
+    fill(engine, cam, 1, 30);
+    pthread_mutex_lock(&fg->mLock);
+  }
+  ~FullHistory() {
+    if (ready) pthread_mutex_unlock(&fg->mLock);
+  }
+};
+
+void BM_ProcessBestShotInFG(benchmark::State& state) {
+  FullHistory h;
+  if (!h.ready) {
     state.SkipWithError("test pictures missing");
     return;
   }
-  KO_KoEngineConfig_t config = {true, true, true};
-  KoEngine engine(nullptr, &config);
-  fill(engine, cam, 1, 30);
-  KoEngineFg* fg = engine.mFg.get();
-  pthread_mutex_lock(&fg->mLock);
-  for (auto _ : state) fg->processBestShotInFG();
-  pthread_mutex_unlock(&fg->mLock);
+  for (auto _ : state) h.fg->processBestShotInFG();
 }
 BENCHMARK(BM_ProcessBestShotInFG)->Unit(benchmark::kMicrosecond);
 
 void BM_CaptureDecision(benchmark::State& state) {
-  Camera cam;
-  if (cam.picture.empty()) {
+  FullHistory h;
+  if (!h.ready) {
     state.SkipWithError("test pictures missing");
     return;
   }
-  KO_KoEngineConfig_t config = {true, true, true};
-  KoEngine engine(nullptr, &config);
-  fill(engine, cam, 1, 30);
-  KoEngineFg* fg = engine.mFg.get();
-  pthread_mutex_lock(&fg->mLock);
   const uint32_t captured = kBlinkFrame;
   int job = 1;
   int64_t decided = 0;
   for (auto _ : state) {
-    fg->mTopScore->setCapturedFrameId(job, captured, Camera::timestampOf(captured));
+    h.fg->mTopScore->setCapturedFrameId(job, captured, Camera::timestampOf(captured));
     bestShotInfo_t main, replace;
     memset(&main, 0, sizeof(main));
     memset(&replace, 0, sizeof(replace));
     unsigned int override = 0;
-    benchmark::DoNotOptimize(fg->mTopScore->getBestShot(job++, &main, &replace, false, override));
+    benchmark::DoNotOptimize(h.fg->mTopScore->getBestShot(job++, &main, &replace, false, override));
     decided += main.generated || replace.generated ? 1 : 0;
   }
   state.counters["decided"] = benchmark::Counter(static_cast<double>(decided), benchmark::Counter::kAvgIterations);
-  pthread_mutex_unlock(&fg->mLock);
 }
 BENCHMARK(BM_CaptureDecision)->Unit(benchmark::kMicrosecond);
 

@@ -6,36 +6,15 @@
 #include <cstring>
 #include <vector>
 
+#include "BenchCamera.h"
 #include "KoEngine.h"
 #include "KoEngineFg.h"
 #include "KoFrameDataCreate.h"
-#include "TestData.h"
 
 using namespace android;
+using kovane_bench::Camera;
 
 namespace {
-
-struct Camera {
-  std::vector<uint8_t> picture = kovane_test::readNv21("solvay_1920x1080.nv21", 1920, 1080);
-  KO_cam_frame_len_offset_t planes = {};
-  Camera() {
-    planes.numPlanes = 2;
-    planes.mp[0] = {1920 * 1080, 0, 1920, 1080};
-    planes.mp[1] = {1920 * 1080 / 2, 0, 1920, 540};
-  }
-  KO_PreviewFrameData_t preview(uint32_t id) {
-    KO_PreviewFrameData_t p = {};
-    p.timeStamp = 1000000 + static_cast<int64_t>(id) * 33333;
-    p.frameId = id;
-    p.streamType = KO_STREAM_TYPE_PREVIEW;
-    p.width = 1920;
-    p.height = 1080;
-    p.data = picture.data();
-    p.colorFormat = KO_COLOR_FORMAT_NV21;
-    p.planes = &planes;
-    return p;
-  }
-};
 
 // The facade on the caller's thread. The foreground runs meanwhile on its own thread; the
 // benchmark keeps it from falling behind by pacing with its late flag.

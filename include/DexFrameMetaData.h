@@ -37,6 +37,10 @@ class DexFrameMetaData {
   // ---- Per-frame statistics. All return 0, or -1 (logged, outputs untouched) for null
   // pointers or non-positive sizes.
 
+  // Mean and standard deviation (population) of a w x h plane with the given row stride, in
+  // double precision; both 0 for an empty plane.
+  static void meanAndSpread2D(const uint8_t* img, int w, int h, int stride, double* mean,
+                              double* spread);
   // Mean, standard deviation, min and max of n bytes.
   static int calcMeanStddev(const uint8_t* img, KO_dataStats_t* stats, int n);
   // Statistics of |cur - prev| over n bytes.

@@ -356,23 +356,8 @@ int DexFrameMetaData::calcSobel2DRegion(const uint8_t* img, KO_dataStats_t& stat
 
 namespace {
 
-// Mean and standard deviation of a w x h plane (row stride `stride`).
 void meanAndSpread(const uint8_t* img, int w, int h, int stride, double* mean, double* spread) {
-  uint64_t sum = 0, sumSq = 0;
-  for (int y = 0; y < h; ++y) {
-    const uint8_t* r = img + static_cast<long>(y) * stride;
-    uint32_t rowSum = 0;
-    uint64_t rowSq = 0;
-    for (int x = 0; x < w; ++x) {
-      rowSum += r[x];
-      rowSq += static_cast<uint32_t>(r[x]) * r[x];
-    }
-    sum += rowSum;
-    sumSq += rowSq;
-  }
-  const double n = static_cast<double>(w) * h;
-  *mean = static_cast<double>(sum) / n;
-  *spread = std::sqrt(std::max(0.0, static_cast<double>(sumSq) / n - *mean * *mean));
+  DexFrameMetaData::meanAndSpread2D(img, w, h, stride, mean, spread);
 }
 
 // B brought to A's exposure: B' = (B - mean B) * spread A / spread B + mean A, as floats (row
@@ -506,6 +491,25 @@ float DexFrameMetaData::calcBhattacharyyaCoeff(const int* histA, const int* hist
 // The frame records are read through their headers only (this library does not link against the
 // engine that defines them), so the sanitizer's dynamic-type check, which needs their type
 // information, is left out here.
+void DexFrameMetaData::meanAndSpread2D(const uint8_t* img, int w, int h, int stride, double* mean,
+                                       double* spread) {
+  uint64_t sum = 0, sumSq = 0;
+  for (int y = 0; y < h; ++y) {
+    const uint8_t* r = img + static_cast<long>(y) * stride;
+    uint32_t rowSum = 0;
+    uint64_t rowSq = 0;
+    for (int x = 0; x < w; ++x) {
+      rowSum += r[x];
+      rowSq += static_cast<uint32_t>(r[x]) * r[x];
+    }
+    sum += rowSum;
+    sumSq += rowSq;
+  }
+  const double n = static_cast<double>(w) * h;
+  *mean = n > 0 ? static_cast<double>(sum) / n : 0.0;
+  *spread = n > 0 ? std::sqrt(std::max(0.0, static_cast<double>(sumSq) / n - *mean * *mean)) : 0.0;
+}
+
 __attribute__((no_sanitize("vptr"))) int DexFrameMetaData::KoCalcMeanStddevMinMeanQueue(KoFrameHistSnapshot* snapshot,
                                                    KO_dataStats_t* stats, int count, int type,
                                                    int /*flags*/) {

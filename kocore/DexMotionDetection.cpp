@@ -50,21 +50,7 @@ bool textured(const uint8_t* a, int stride, int size) {
 }
 
 void meanAndSpread(const uint8_t* img, int w, int h, int stride, double* mean, double* spread) {
-  uint64_t sum = 0, sumSq = 0;
-  for (int y = 0; y < h; ++y) {
-    const uint8_t* r = img + static_cast<long>(y) * stride;
-    uint32_t rowSum = 0;
-    uint64_t rowSq = 0;
-    for (int x = 0; x < w; ++x) {
-      rowSum += r[x];
-      rowSq += static_cast<uint32_t>(r[x]) * r[x];
-    }
-    sum += rowSum;
-    sumSq += rowSq;
-  }
-  const double n = static_cast<double>(w) * h;
-  *mean = static_cast<double>(sum) / n;
-  *spread = std::sqrt(std::max(0.0, static_cast<double>(sumSq) / n - *mean * *mean));
+  DexFrameMetaData::meanAndSpread2D(img, w, h, stride, mean, spread);
 }
 
 // Pixels of a size x size block at or beyond the ends of the 8-bit range.

@@ -193,6 +193,35 @@ class SimulatedCamera {
   std::vector<std::vector<uint8_t>> mStatistics;
 };
 
+// A take-picture request for frame `id` of a SimulatedCamera, asking for a best shot (and a
+// clip when `video`), with a small configuration blob.
+inline android::KO_TakePicture_t picture(int jobId, uint32_t frameId, bool video, int videoFd = -1) {
+  static uint8_t config[16] = {1, 2, 3};
+  android::KO_TakePicture_t pic = {};
+  pic.jobId = jobId;
+  pic.frameId = static_cast<int32_t>(frameId);
+  pic.timeStamp = SimulatedCamera::timestampOf(frameId);
+  pic.videoFd = videoFd;
+  pic.metadataFd = -1;
+  pic.config = config;
+  pic.configSize = sizeof(config);
+  pic.bestShotEnable = true;
+  pic.videoEnable = video;
+  return pic;
+}
+
+// Posts frame `id` with its face record, metadata and (when the camera has one free) a ZSL
+// buffer, without waiting for the engine.
+inline void post(SimulatedCamera& cam, android::KoEngine* engine, uint32_t id) {
+  android::KO_PreviewFrameData_t p = cam.preview(id);
+  engine->handlePreviewFrame(&p);
+  android::KO_cam_face_detection_data_t face = SimulatedCamera::face(id);
+  android::KO_MetaFrameData_t meta = cam.meta(id);
+  engine->handleMetadataFrame(&face, &meta);
+  android::KO_ZslFrameData_t zsl;
+  if (cam.lendZsl(id, &zsl)) engine->handleZslFrame(&zsl);
+}
+
 // Runs `fn` with the foreground handler's lock held, so that the test reads the handler's state
 // between two messages.
 template <typename Fn>

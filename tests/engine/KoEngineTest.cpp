@@ -12,23 +12,13 @@
 
 using namespace android;
 using kovane_test::SimulatedCamera;
+using kovane_test::picture;
+using kovane_test::post;
 using kovane_test::waitForFrame;
 using kovane_test::waitUntil;
 using kovane_test::withForeground;
 
 namespace {
-
-KO_TakePicture_t picture(int jobId, uint32_t frameId, bool video, int videoFd) {
-  KO_TakePicture_t pic = {};
-  pic.jobId = jobId;
-  pic.frameId = static_cast<int32_t>(frameId);
-  pic.timeStamp = SimulatedCamera::timestampOf(frameId);
-  pic.videoFd = videoFd;
-  pic.metadataFd = -1;
-  pic.bestShotEnable = true;
-  pic.videoEnable = video;
-  return pic;
-}
 
 // Feeds frames first..last, each with its metadata (and faces unless noFaces), waiting for each.
 void feed(SimulatedCamera& cam, KoEngine* engine, uint32_t first, uint32_t last, bool withFaces = true) {
@@ -41,18 +31,6 @@ void feed(SimulatedCamera& cam, KoEngine* engine, uint32_t first, uint32_t last,
     ASSERT_EQ(engine->handleMetadataFrame(&face, &meta), 0);
     ASSERT_TRUE(waitForFrame(engine, id, KoFrameData::EVENT_METADATA)) << id;
   }
-}
-
-// Posts frame `id` with its face record, metadata and (when one is free) a ZSL buffer, without
-// waiting for the engine.
-void post(SimulatedCamera& cam, KoEngine* engine, uint32_t id) {
-  KO_PreviewFrameData_t p = cam.preview(id);
-  engine->handlePreviewFrame(&p);
-  KO_cam_face_detection_data_t face = SimulatedCamera::face(id);
-  KO_MetaFrameData_t meta = cam.meta(id);
-  engine->handleMetadataFrame(&face, &meta);
-  KO_ZslFrameData_t zsl;
-  if (cam.lendZsl(id, &zsl)) engine->handleZslFrame(&zsl);
 }
 
 }  // namespace

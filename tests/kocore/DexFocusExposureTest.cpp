@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "ClipDecoder.h"
+#include "KocoreClipViews.h"
 #include "DexFocusExposure.h"
 #include "DexFrameMetaData.h"
 #include "KoFrameData.h"
@@ -20,26 +20,7 @@ using kocore_test::Plane;
 
 // The 640x360 analysis views (2x reductions of the 1280x720 frames) of frames first..last.
 std::vector<Plane> cockatooViews(int first, int last) {
-  std::vector<Plane> out;
-  const std::string path = kovane_test::testDataPath("cockatoo_1280x720_20fps.mp4");
-  if (path.empty()) return out;
-  kovane_replay::ClipDecoder decoder;
-  if (!decoder.open(path) || !decoder.setOutput(1280, 720, kovane_replay::ClipDecoder::FIT_CROP)) {
-    ADD_FAILURE() << decoder.error();
-    return out;
-  }
-  kovane_replay::ClipFrame frame;
-  while (decoder.next(frame) && frame.index <= last) {
-    if (frame.index < first) continue;
-    Plane p;
-    p.w = 640;
-    p.h = 360;
-    p.px.resize(640 * 360);
-    DexFrameMetaData::downScaleLuma2x(p.data(), frame.image.y(), 1280, 640, 360);
-    out.push_back(std::move(p));
-  }
-  EXPECT_EQ(last - first + 1, static_cast<int>(out.size()));
-  return out;
+  return kocore_test::clipViews("cockatoo_1280x720_20fps.mp4", 1280, 720, first, last);
 }
 
 // Frames 50 ms apart (the clip's rate) with the foreground's statistics of their small images,

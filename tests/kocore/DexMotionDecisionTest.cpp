@@ -8,7 +8,7 @@
 
 #include <utils/Vector.h>
 
-#include "ClipDecoder.h"
+#include "KocoreClipViews.h"
 #include "DexFrameMetaData.h"
 #include "DexMotionDetection.h"
 #include "KoFrameData.h"
@@ -24,25 +24,7 @@ using kocore_test::Plane;
 // Analysis views (the central 640x360 band of a 640x480 preview, as the engine cuts it) of
 // frames first..last of a clip.
 std::vector<Plane> clipViews(const std::string& name, int first, int last) {
-  std::vector<Plane> out;
-  const std::string path = kovane_test::testDataPath(name);
-  if (path.empty()) return out;
-  kovane_replay::ClipDecoder decoder;
-  if (!decoder.open(path) || !decoder.setOutput(640, 480, kovane_replay::ClipDecoder::FIT_CROP)) {
-    ADD_FAILURE() << decoder.error();
-    return out;
-  }
-  kovane_replay::ClipFrame frame;
-  while (decoder.next(frame) && frame.index <= last) {
-    if (frame.index < first) continue;
-    Plane p;
-    p.w = 640;
-    p.h = 360;
-    p.px.assign(frame.image.y() + 60 * 640, frame.image.y() + 420 * 640);
-    out.push_back(std::move(p));
-  }
-  EXPECT_EQ(last - first + 1, static_cast<int>(out.size())) << name;
-  return out;
+  return kocore_test::clipViews(name, 640, 480, first, last);
 }
 
 // Frames 40 ms apart with the foreground's per-frame work done on their views: statistics
