@@ -19,7 +19,6 @@ using namespace android;
 using kovane_test::SimulatedCamera;
 using kovane_test::picture;
 using kovane_test::post;
-using kovane_test::waitForFrame;
 using kovane_test::waitUntil;
 
 namespace {
@@ -42,13 +41,26 @@ TEST(KoEngineCapture, ACaptureEveryHundredMillisecondsForTenSecondsAllFinish) {
 
   // 300 frames at 30 fps, a shutter press on every third frame from frame 10 on; half of the
   // captures ask for a clip too. Each frame is handed over once the previous one is in the
-  // history, as a camera at the engine's pace would.
+  // history, as a camera at the engine's pace would. On a slow (instrumented) build the engine
+  // may still fall behind and shed a frame at the facade during a short late episode; the
+  // camera then goes on after a while, and the captures must survive that as well.
+  auto paced = [&](uint32_t id) {
+    post(cam, engine, id);
+    waitUntil(
+        [&] {
+          return engine->mFg->isLateMode() || kovane_test::withForeground(engine, [id](KoEngineFg* fg) {
+                   sp<KoFrameData> f;
+                   fg->mFrameHist->getItemWithFrameId(id, f);
+                   return f != nullptr;
+                 });
+        },
+        3000);
+  };
   const uint32_t kFrames = 300;
   std::vector<int> jobs;
   size_t mostHeld = 0;
   for (uint32_t id = 1; id <= kFrames; ++id) {
-    post(cam, engine, id);
-    ASSERT_TRUE(waitForFrame(engine, id)) << id;
+    paced(id);
     if (id >= 10 && id % 3 == 0) {
       const int job = static_cast<int>(id);
       KO_TakePicture_t pic = picture(job, id, id % 2 == 0);
@@ -57,11 +69,9 @@ TEST(KoEngineCapture, ACaptureEveryHundredMillisecondsForTenSecondsAllFinish) {
     }
     mostHeld = std::max<size_t>(mostHeld, engine->mMemory->count());
   }
-  // The last captures still need frames after their shutter.
-  for (uint32_t id = kFrames + 1; id <= kFrames + 10; ++id) {
-    post(cam, engine, id);
-    ASSERT_TRUE(waitForFrame(engine, id)) << id;
-  }
+  // The last captures still need frames after their shutter: the preview runs on until every
+  // capture has finished.
+  for (uint32_t id = kFrames + 1; cam.engineDone().size() < jobs.size() && id <= kFrames + 300; ++id) paced(id);
 
   ASSERT_TRUE(waitUntil([&] { return cam.engineDone().size() >= jobs.size(); }, 60000))
       << cam.engineDone().size() << " of " << jobs.size() << " captures finished";
