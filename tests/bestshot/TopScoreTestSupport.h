@@ -28,9 +28,19 @@ inline sp<android::ABuffer> allocImage(size_t bytes) {
   return new android::ABuffer(mem, bytes);
 }
 
-// Gives a frame the 640x360 picture `view` the way frame creation and the statistics pass do.
+// Hands a frame's image back to the aligned allocator, as the frame's destructor does.
+inline void freeImage(sp<android::ABuffer>& image) {
+  if (image != nullptr) fcvMemFree(image->base());
+  image.clear();
+}
+
+// Gives a frame the 640x360 picture `view` the way frame creation and the statistics pass do
+// (a picture the frame had before is freed).
 inline void setPicture(const sp<android::KoFrameData>& f, const kocore_test::Plane& view) {
   using android::KoFrameData;
+  for (sp<android::ABuffer>* image : {&f->mDownscaledImage, &f->mSmallImage, &f->mSobelBuffer1, &f->mSobelBuffer2}) {
+    freeImage(*image);
+  }
   ASSERT_EQ(static_cast<int>(KoFrameData::ANALYSIS_WIDTH), view.w);
   ASSERT_EQ(static_cast<int>(KoFrameData::ANALYSIS_HEIGHT), view.h);
   const size_t luma = static_cast<size_t>(view.w) * view.h;
