@@ -69,14 +69,7 @@ sp<KoFrameData> KoTopScore::frameAt(int64_t index) const {
 }
 
 int KoTopScore::indexOfFrame(uint32_t frameId) const {
-  const size_t n = historyCount();
-  for (size_t i = 0; i < n; ++i) {
-    const sp<KoFrameHistNode>& node = mFrameHist->mHistory[i];
-    if (node != nullptr && node->mFrameData != nullptr && node->mFrameData->mFrameId == frameId) {
-      return static_cast<int>(i);
-    }
-  }
-  return -1;
+  return mFrameHist ? mFrameHist->indexOfFrameId(frameId) : -1;
 }
 
 sp<KoFrameData> KoTopScore::frameWithId(uint32_t frameId) const {
@@ -360,17 +353,13 @@ float KoTopScore::interpolateFacesScore(int index) {
       break;
     }
   }
+  // Forward only the next frame counts.
   const int64_t next = static_cast<int64_t>(index) + 1;
-  if (next >= 0) {
-    // Looked at up to three times, always the same frame: it counts once per look.
-    for (int k = 0; k < 3; ++k) {
-      if (next >= count) continue;
-      sp<KoFrameData> frame = frameAt(next);
-      if (frame != nullptr && frame->mFacesScore > 0.0f) {
-        sum += frame->mFacesScore;
-        ++n;
-        break;
-      }
+  if (next >= 0 && next < count) {
+    sp<KoFrameData> frame = frameAt(next);
+    if (frame != nullptr && frame->mFacesScore > 0.0f) {
+      sum += frame->mFacesScore;
+      ++n;
     }
   }
   return n > 0 ? sum / static_cast<float>(n) : 0.0f;

@@ -344,14 +344,6 @@ void KoEngineFg::handleEncodeData(int jobId) {
   mEngine->mSequenceQueue->setProcessField(jobId, KO_SEQ_PROCESS_REQUESTED);
 }
 
-int KoEngineFg::snapshotIndexOf(KoFrameHistBase* snapshot, uint32_t frameId) {
-  for (size_t i = 0; i < snapshot->mHistory.size(); ++i) {
-    const sp<KoFrameData>& frame = snapshot->mHistory[i]->mFrameData;
-    if (frame != nullptr && frame->mFrameId == frameId) return static_cast<int>(i);
-  }
-  return -1;
-}
-
 uint8_t* KoEngineFg::makeExifBlock(KoGenFrameData_t* summary, KoFrameHistSnapshot* snapshot, KoSequenceData* job,
                                    bestShotInfo_t* result, uint32_t* size) {
   *size = 0;
@@ -380,7 +372,7 @@ void KoEngineFg::handleTakePicture(int jobId, unsigned int frameId, long long ti
       summary.hdrMode = hdrMode;
       summary.isLateMode = late;
       summary.capturedFrameId = static_cast<int32_t>(frameId);
-      summary.capturedFrameIndex = snapshotIndexOf(snapshot, frameId);
+      summary.capturedFrameIndex = snapshot->indexOfFrameId(frameId);
       summary.bestShotFrameIndex = -1;
       summary.camPosition = mCamPosition;
       uint32_t size = 0;
@@ -556,7 +548,7 @@ void KoEngineFg::captureBestShotFromFG(int jobId) {
         out = *results[r];
         out.replaceOverride = static_cast<int32_t>(override);
         if (snapshot) {
-          const int index = snapshotIndexOf(snapshot, static_cast<uint32_t>(out.frameId));
+          const int index = snapshot->indexOfFrameId(static_cast<uint32_t>(out.frameId));
           if (index >= 0) out.frameIndex = index;
         }
       }

@@ -136,7 +136,6 @@ class KoEngineFg : public AHandler {
   uint8_t* makeExifBlock(KoGenFrameData_t* summary, KoFrameHistSnapshot* snapshot, KoSequenceData* job,
                          bestShotInfo_t* result, uint32_t* size);
   void debugPrintSnapshot(KoSequenceData* job);
-  static int snapshotIndexOf(KoFrameHistBase* snapshot, uint32_t frameId);
 
   bool mStopSignalled;  // set by 'clea', under mLock
 

@@ -18,6 +18,8 @@ class KoFrameHistBase {
 
   // out = the oldest frame with that id, or null; always returns 1.
   int getItemWithFrameId(uint32_t frameId, sp<KoFrameData>& out);
+  // Index of the oldest frame with that id, or -1.
+  int indexOfFrameId(uint32_t frameId) const;
 
   size_t size() const { return mHistory.size(); }
 
