@@ -226,34 +226,6 @@ TEST(KoTopScoreList, ZoomOrTouchFocusChangeFlushesOlderFrames) {
   }
 }
 
-TEST(KoTopScoreList, AverageExposureAndPendingPresses) {
-  Bench b;
-  const float exp[6] = {0, 0.01f, 0.0f, 0.02f, 0.03f, 0.04f};
-  for (uint32_t id = 1; id <= 5; ++id) {
-    b.add(id, id * kFrameUs, false);
-    b.meta(id, exp[id]);
-  }
-  EXPECT_NEAR((0.04f + 0.03f + 0.02f) / 3, b.top.getAvgExposureTime(5), 1e-6);
-  EXPECT_NEAR((0.03f + 0.02f + 0.01f) / 3, b.top.getAvgExposureTime(4), 1e-6);  // 0.0 skipped
-  EXPECT_NEAR(0.01f, b.top.getAvgExposureTime(2), 1e-6);
-  EXPECT_EQ(0.0f, b.top.getAvgExposureTime(0));
-  Bench dark;
-  dark.add(1, 0, false);
-  EXPECT_EQ(0.0f, dark.top.getAvgExposureTime(1));
-
-  KoTopScore::capturedShotInfo_t info;
-  b.top.getOldestCapturedInfo(info);
-  EXPECT_EQ(-1, info.jobId);
-  EXPECT_EQ(-1, info.frameId);
-  EXPECT_EQ(0, info.timestampUs);
-  EXPECT_EQ(0, b.top.setCapturedFrameId(7, 3, 123456789012LL));
-  EXPECT_EQ(1, b.top.setCapturedFrameId(8, 4, 5));
-  b.top.getOldestCapturedInfo(info);
-  EXPECT_EQ(7, info.jobId);
-  EXPECT_EQ(3, info.frameId);
-  EXPECT_EQ(123456789012LL, info.timestampUs);
-}
-
 // ---------------------------------------------------------------------------------------------
 // The decision.
 
@@ -860,34 +832,9 @@ TEST(KoTopScoreSimilarity, NonFaceSceneExposureOffsetAndShift) {
   }
 }
 
-TEST(KoTopScoreSimilarity, CheckShiftFindsARealTranslationOnly) {
-  struct Case {
-    kocore_test::Plane best;
-    int shifted;
-  } cases[] = {
-      {groupWindow(112, 86), 1},
-      {groupWindow(100, 80), 0},
-      {kocore_test::gaussianBlur(groupWindow(100, 80), 1.5), 0},
-  };
-  for (const Case& c : cases) {
-    Pair p = pair(groupWindow(100, 80), c.best);
-    bestShotInfo_t info;
-    memset(&info, 0, sizeof(info));
-    p.b->top.checkShift(p.captured, p.best, &info);
-    EXPECT_EQ(c.shifted, info.shiftDetected);
-  }
-}
-
-TEST(KoTopScoreDecision, FacesScoreInterpolationAndPopulation) {
+TEST(KoTopScoreDecision, PopulationNeedsTheFrameAndItsBuffer) {
   Bench b;
-  const float faces[7] = {10, 0, 30, 0, 0, 0, 50};
-  for (uint32_t id = 0; id < 7; ++id) b.add(id + 1, id * kFrameUs, id == 1)->mFacesScore = faces[id];
-  EXPECT_FLOAT_EQ(20.0f, b.top.interpolateFacesScore(1));  // 10 before, 30 after
-  EXPECT_FLOAT_EQ(40.0f, b.top.interpolateFacesScore(5));  // 30 three back, 50 after
-  EXPECT_FLOAT_EQ(0.0f, b.top.interpolateFacesScore(6));  // last: 30 is four back, no next
-  EXPECT_FLOAT_EQ(30.0f, b.top.interpolateFacesScore(3));  // 30 before, next is 0
-  EXPECT_FLOAT_EQ(0.0f, b.top.interpolateFacesScore(0));   // index 0: only the next frame
-  EXPECT_FLOAT_EQ(10.0f, b.top.interpolateFacesScore(-1));  // before the start: frame 0 next
+  for (uint32_t id = 0; id < 7; ++id) b.add(id + 1, id * kFrameUs, id == 1);
 
   // Population needs the frame and its buffer.
   bestShotInfo_t info;

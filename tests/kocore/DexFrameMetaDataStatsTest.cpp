@@ -134,28 +134,21 @@ DexFrameMetaData::xyShift shiftOf(const Plane& a, const Plane& b) {
 // An exposure step (gain or offset, with the clipping a real sensor adds) between two copies of
 // one frame is no shift; a real shift under an exposure step is still found.
 TEST(FrameShift, ExposureStepIsNoShiftAndAShiftUnderAnExposureStepIsFound) {
-  const double steps[][2] = {{0.8, 0}, {1.25, 0}, {1.0, 20}, {1.0, -25}, {0.8, 12}};
-  for (const char* name : {"cockatoo_f005_1280x720.nv21", "cockatoo_f100_1280x720.nv21",
-                           "solvay_1920x1080.nv21"}) {
-    const Plane view = kocore_test::analysisView(name);
-    for (const auto& st : steps) {
-      SCOPED_TRACE(std::string(name) + " gain " + std::to_string(st[0]) + " offset " +
-                   std::to_string(st[1]));
-      const DexFrameMetaData::xyShift r = shiftOf(view, kocore_test::contrast(view, st[0], st[1]));
-      EXPECT_EQ(0, r.dx);
-      EXPECT_EQ(0, r.dy);
-      EXPECT_FALSE(shiftRuleFires(r));
-      EXPECT_LT(r.a, 5.0f);  // only what clipping destroyed remains
-      EXPECT_FLOAT_EQ(r.a, r.b);
-    }
-  }
+  kocore_test::forEachExposureStep([](const Plane& view, const Plane& stepped) {
+    const DexFrameMetaData::xyShift r = shiftOf(view, stepped);
+    EXPECT_EQ(0, r.dx);
+    EXPECT_EQ(0, r.dy);
+    EXPECT_FALSE(shiftRuleFires(r));
+    EXPECT_LT(r.a, 5.0f);  // only what clipping destroyed remains
+    EXPECT_FLOAT_EQ(r.a, r.b);
+  });
   const Plane big = kocore_test::reducedLuma("solvay_1920x1080.nv21", 1920, 1080, 2);  // 960x540
   const Plane a = kocore_test::crop(big, 160, 90, 640, 360);
-  for (const auto& st : steps) {
-    const Plane b = kocore_test::contrast(kocore_test::crop(big, 160 - 9, 90 + 6, 640, 360), st[0], st[1]);
+  for (const kocore_test::ExposureStep& st : kocore_test::kExposureSteps) {
+    const Plane b = kocore_test::contrast(kocore_test::crop(big, 160 - 9, 90 + 6, 640, 360), st.gain, st.offset);
     const DexFrameMetaData::xyShift r = shiftOf(a, b);
-    EXPECT_EQ(9, r.dx) << st[0] << " " << st[1];
-    EXPECT_EQ(-6, r.dy) << st[0] << " " << st[1];
+    EXPECT_EQ(9, r.dx) << st.gain << " " << st.offset;
+    EXPECT_EQ(-6, r.dy) << st.gain << " " << st.offset;
     EXPECT_TRUE(shiftRuleFires(r)) << r.a << " " << r.b;
     EXPECT_GT(r.a, 8.0f);  // in grey levels, as without the exposure step
   }

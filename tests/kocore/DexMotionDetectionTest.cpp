@@ -79,27 +79,20 @@ Result runAgainst(const Plane& ref, const Plane& cur) {
 // An exposure step (gain or offset, clipped as a sensor clips) between the reference and the
 // view is no motion; translation and a moving region under an exposure step are still seen.
 TEST(BlockMotion, ExposureStepIsNoMotionButMotionUnderItIsSeen) {
-  const double steps[][2] = {{0.8, 0}, {1.25, 0}, {1.0, 20}, {1.0, -25}, {0.8, 12}};
-  for (const char* name : {"cockatoo_f005_1280x720.nv21", "cockatoo_f100_1280x720.nv21",
-                           "solvay_1920x1080.nv21"}) {
-    const Plane view = kocore_test::analysisView(name);
-    for (const auto& st : steps) {
-      SCOPED_TRACE(std::string(name) + " gain " + std::to_string(st[0]) + " offset " +
-                   std::to_string(st[1]));
-      const Result r = runAgainst(view, kocore_test::contrast(view, st[0], st[1]));
-      EXPECT_GT(r.numBlocks, 50);
-      EXPECT_EQ(0.0f, r.globalDx);
-      EXPECT_EQ(0.0f, r.globalDy);
-      EXPECT_LT(r.frmMotionScoreNorm, 0.05f);
-      EXPECT_LT(r.ctrFrmMotionScoreNorm, 0.1f);
-    }
-  }
+  kocore_test::forEachExposureStep([](const Plane& view, const Plane& stepped) {
+    const Result r = runAgainst(view, stepped);
+    EXPECT_GT(r.numBlocks, 50);
+    EXPECT_EQ(0.0f, r.globalDx);
+    EXPECT_EQ(0.0f, r.globalDy);
+    EXPECT_LT(r.frmMotionScoreNorm, 0.05f);
+    EXPECT_LT(r.ctrFrmMotionScoreNorm, 0.1f);
+  });
   const Plane ref = kocore_test::crop(bigFrame(), 160, 90, 640, 360);
   const Plane still = currentView(5, -3), moving = currentView(5, -3, 320, 180, -10, 8);
-  for (const auto& st : steps) {
-    SCOPED_TRACE(std::to_string(st[0]) + " " + std::to_string(st[1]));
-    const Result s = runAgainst(ref, kocore_test::contrast(still, st[0], st[1]));
-    const Result m = runAgainst(ref, kocore_test::contrast(moving, st[0], st[1]));
+  for (const kocore_test::ExposureStep& st : kocore_test::kExposureSteps) {
+    SCOPED_TRACE(std::to_string(st.gain) + " " + std::to_string(st.offset));
+    const Result s = runAgainst(ref, kocore_test::contrast(still, st.gain, st.offset));
+    const Result m = runAgainst(ref, kocore_test::contrast(moving, st.gain, st.offset));
     EXPECT_NEAR(5.0f, s.globalDx, 0.5f);
     EXPECT_NEAR(-3.0f, s.globalDy, 0.5f);
     EXPECT_LT(s.frmMotionScoreNorm, 0.03f);

@@ -1,6 +1,8 @@
 #pragma once
 // Picture helpers of the analysis-library tests: the analysis views of the real test frames and
 // simple degradations of them (Gaussian and linear motion blur, contrast change, translation).
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -113,6 +115,28 @@ inline Plane contrast(const Plane& p, double gain, double offset) {
   Plane o = p;
   for (uint8_t& v : o.px) v = static_cast<uint8_t>(std::clamp(std::lround(v * gain + offset), 0L, 255L));
   return o;
+}
+
+// Exposure steps (gain, offset) that the exposure-normalised kernels must see through.
+struct ExposureStep {
+  double gain;
+  double offset;
+};
+constexpr ExposureStep kExposureSteps[] = {{0.8, 0}, {1.25, 0}, {1.0, 20}, {1.0, -25}, {0.8, 12}};
+
+// Calls fn(view, stepped copy) for the analysis view of each of three real frames and each
+// exposure step, with a trace naming both.
+template <typename Fn>
+void forEachExposureStep(Fn fn) {
+  for (const char* name : {"cockatoo_f005_1280x720.nv21", "cockatoo_f100_1280x720.nv21",
+                           "solvay_1920x1080.nv21"}) {
+    const Plane view = analysisView(name);
+    for (const ExposureStep& st : kExposureSteps) {
+      SCOPED_TRACE(std::string(name) + " gain " + std::to_string(st.gain) + " offset " +
+                   std::to_string(st.offset));
+      fn(view, contrast(view, st.gain, st.offset));
+    }
+  }
 }
 
 // Additive Gaussian noise of `sigma` grey levels (sensor noise), rounded and clamped.
