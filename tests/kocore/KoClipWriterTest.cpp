@@ -1,0 +1,394 @@
+// The clip writer on real webcam frames: what it writes into a file or a pipe decodes back,
+// with FFmpeg's own demuxer and decoder, to the frames and stamps it was fed; write failures
+// end the clip with the errno and never kill the process.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+#include "ClipDecoder.h"
+#include "KoClipWriter.h"
+#include "TestData.h"
+
+namespace android {
+namespace {
+
+constexpr int kW = 640;
+constexpr int kH = 360;
+constexpr size_t kLuma = static_cast<size_t>(kW) * kH;
+constexpr size_t kFrameBytes = kLuma * 3 / 2;
+constexpr int64_t kBaseUs = 987654321;  // camera clock at the first frame
+
+using Frame = std::vector<uint8_t>;
+
+// About 3 s (75 frames at 25 fps) of a webcam clip as 640x360 planar 4:2:0 frames with camera
+// stamps: the clip's own times plus up to 0.6 ms of jitter, so that any rounding of the
+// stamps on the way through shows.
+struct Clip {
+  std::vector<Frame> frames;
+  std::vector<int64_t> stamps;
+};
+
+const Clip& webcamClip(const std::string& name) {
+  static std::map<std::string, Clip> cache;
+  Clip& c = cache[name];
+  if (!c.frames.empty()) return c;
+  kovane_replay::ClipDecoder dec;
+  if (!dec.open(kovane_test::testDataPath(name)) ||
+      !dec.setOutput(kW, kH, kovane_replay::ClipDecoder::FIT_CROP)) {
+    ADD_FAILURE() << name << ": " << dec.error();
+    return c;
+  }
+  kovane_replay::ClipFrame f;
+  while (c.frames.size() < 75 && dec.next(f)) {
+    Frame p(kFrameBytes);
+    std::copy_n(f.image.y(), kLuma, p.begin());
+    for (size_t i = 0; i < kLuma / 4; ++i) {  // V,U pairs to a U plane and a V plane
+      p[kLuma + i] = f.image.vu()[2 * i + 1];
+      p[kLuma + kLuma / 4 + i] = f.image.vu()[2 * i];
+    }
+    c.frames.push_back(std::move(p));
+    c.stamps.push_back(kBaseUs + f.ptsUs + (f.index * 7919) % 601);
+  }
+  EXPECT_EQ(c.frames.size(), 75u) << name;
+  return c;
+}
+
+std::vector<size_t> allFrames(const Clip& c) {
+  std::vector<size_t> idx(c.frames.size());
+  for (size_t i = 0; i < idx.size(); ++i) idx[i] = i;
+  return idx;
+}
+
+// A file in the test's temporary folder, removed at the end.
+struct TempFile {
+  std::string path = testing::TempDir() + "koclipwriter_XXXXXX";
+  int fd = mkstemp(&path[0]);
+  ~TempFile() {
+    if (fd >= 0) close(fd);
+    unlink(path.c_str());
+  }
+  std::vector<uint8_t> bytes() const {
+    std::ifstream in(path, std::ios::binary);
+    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+  }
+};
+
+// Feeds the chosen frames; the first error of addFrame() or finish(), or OK.
+status_t writeClip(KoClipWriter& w, int fd, const Clip& c, const std::vector<size_t>& idx) {
+  status_t err = w.open(fd, kW, kH);
+  for (size_t i = 0; err == OK && i < idx.size(); ++i) {
+    err = w.addFrame(c.frames[idx[i]].data(), c.stamps[idx[i]]);
+  }
+  return err == OK ? w.finish() : err;
+}
+
+// What FFmpeg reads back from a written file.
+struct Decoded {
+  int videoStreams = 0;
+  AVCodecID codec = AV_CODEC_ID_NONE;
+  int profile = 0;
+  std::vector<int64_t> ptsUs;  // of the decoded frames
+  std::vector<int64_t> keyUs;  // stamps of the packets flagged as sync samples
+  int64_t durationUs = 0;      // of the track, as its samples' durations add up
+  bool anyB = false;
+  std::vector<Frame> frames;  // packed planar 4:2:0
+};
+
+Decoded decode(const std::string& path) {
+  Decoded d;
+  AVFormatContext* fmt = nullptr;
+  if (avformat_open_input(&fmt, path.c_str(), nullptr, nullptr) < 0) {
+    ADD_FAILURE() << "cannot open " << path;
+    return d;
+  }
+  std::unique_ptr<AVFormatContext*, void (*)(AVFormatContext**)> fmtGuard(&fmt,
+                                                                          avformat_close_input);
+  if (avformat_find_stream_info(fmt, nullptr) < 0) return d;
+  for (unsigned i = 0; i < fmt->nb_streams; ++i) {
+    d.videoStreams += fmt->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+  }
+  const int si = av_find_best_stream(fmt, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+  if (si < 0) return d;
+  const AVStream* st = fmt->streams[si];
+  d.codec = st->codecpar->codec_id;
+  d.profile = st->codecpar->profile;
+  AVCodecContext* ctx = avcodec_alloc_context3(avcodec_find_decoder(d.codec));
+  std::unique_ptr<AVCodecContext*, void (*)(AVCodecContext**)> ctxGuard(&ctx, avcodec_free_context);
+  if (avcodec_parameters_to_context(ctx, st->codecpar) < 0 ||
+      avcodec_open2(ctx, nullptr, nullptr) < 0) {
+    ADD_FAILURE() << "no decoder";
+    return d;
+  }
+  AVPacket* pkt = av_packet_alloc();
+  AVFrame* frame = av_frame_alloc();
+  const AVRational us = {1, 1000000};
+  auto drain = [&] {
+    while (avcodec_receive_frame(ctx, frame) == 0) {
+      d.ptsUs.push_back(av_rescale_q(frame->best_effort_timestamp, st->time_base, us));
+      d.anyB |= frame->pict_type == AV_PICTURE_TYPE_B;
+      EXPECT_TRUE(frame->width == kW && frame->height == kH && frame->format == AV_PIX_FMT_YUV420P);
+      Frame f(kFrameBytes);
+      for (int p = 0; p < 3; ++p) {
+        const int w = p == 0 ? kW : kW / 2, h = p == 0 ? kH : kH / 2;
+        uint8_t* dst = f.data() + (p == 0 ? 0 : kLuma + (p - 1) * kLuma / 4);
+        for (int y = 0; y < h && frame->width == kW && frame->height == kH; ++y) {
+          std::copy_n(frame->data[p] + y * frame->linesize[p], w, dst + y * w);
+        }
+      }
+      d.frames.push_back(std::move(f));
+    }
+  };
+  while (av_read_frame(fmt, pkt) >= 0) {
+    if (pkt->stream_index == si) {
+      if (pkt->flags & AV_PKT_FLAG_KEY)
+        d.keyUs.push_back(av_rescale_q(pkt->pts, st->time_base, us));
+      avcodec_send_packet(ctx, pkt);
+      drain();
+    }
+    av_packet_unref(pkt);
+  }
+  avcodec_send_packet(ctx, nullptr);
+  drain();
+  d.durationUs = av_rescale_q(st->duration, st->time_base, us);
+  av_frame_free(&frame);
+  av_packet_free(&pkt);
+  return d;
+}
+
+double psnr(const uint8_t* a, const uint8_t* b, size_t n) {
+  double se = 0;
+  for (size_t i = 0; i < n; ++i) se += (a[i] - b[i]) * (a[i] - b[i]);
+  return se == 0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 * static_cast<double>(n) / se);
+}
+
+// Top-level MP4 boxes of a byte stream, "?" for a box that runs past the end.
+std::vector<std::string> topLevelBoxes(const std::vector<uint8_t>& b) {
+  std::vector<std::string> out;
+  for (size_t pos = 0; pos < b.size();) {
+    const uint64_t size = pos + 8 > b.size() ? 0
+                                             : (uint64_t{b[pos]} << 24) | (b[pos + 1] << 16) |
+                                                   (b[pos + 2] << 8) | b[pos + 3];
+    if (size < 8 || pos + size > b.size()) {
+      out.push_back("?");
+      break;
+    }
+    out.emplace_back(reinterpret_cast<const char*>(&b[pos + 4]), 4);
+    pos += size;
+  }
+  return out;
+}
+
+// Writes the chosen frames to a file and checks everything FFmpeg reads back from it.
+void checkRoundTrip(const std::string& label, const Clip& c, const std::vector<size_t>& idx) {
+  SCOPED_TRACE(label);
+  TempFile file;
+  KoClipWriter w;
+  ASSERT_EQ(writeClip(w, file.fd, c, idx), OK);
+  const std::vector<uint8_t> bytes = file.bytes();
+  EXPECT_EQ(w.bytesWritten(), bytes.size());
+  EXPECT_LT(bytes.size(), 2u * 1024 * 1024);
+
+  // Fragmented: an empty moov up front, then a moof and its mdat per keyframe.
+  const std::vector<std::string> boxes = topLevelBoxes(bytes);
+  ASSERT_GE(boxes.size(), 2u);
+  EXPECT_EQ(boxes[0], "ftyp");
+  EXPECT_EQ(boxes[1], "moov");
+  EXPECT_EQ(std::count(boxes.begin(), boxes.end(), "?"), 0);
+  EXPECT_GE(std::count(boxes.begin(), boxes.end(), "moof"), 3);
+  EXPECT_EQ(std::count(boxes.begin(), boxes.end(), "moof"),
+            std::count(boxes.begin(), boxes.end(), "mdat"));
+
+  const Decoded d = decode(file.path);
+  EXPECT_EQ(d.videoStreams, 1);
+  EXPECT_EQ(d.codec, AV_CODEC_ID_H264);
+  EXPECT_TRUE(d.profile == 77 || (d.profile & 0xff) == 66)
+      << "profile " << d.profile;  // main, baseline
+  EXPECT_FALSE(d.anyB);
+  ASSERT_EQ(d.ptsUs.size(), idx.size());
+  ASSERT_EQ(d.frames.size(), idx.size());
+
+  int64_t minSpacing = INT64_MAX, maxSpacing = 0;
+  for (size_t i = 0; i < idx.size(); ++i) {
+    EXPECT_NEAR(d.ptsUs[i], c.stamps[idx[i]] - c.stamps[idx[0]], 1) << "frame " << i;
+    if (i > 0) {
+      minSpacing = std::min(minSpacing, c.stamps[idx[i]] - c.stamps[idx[i - 1]]);
+      maxSpacing = std::max(maxSpacing, c.stamps[idx[i]] - c.stamps[idx[i - 1]]);
+    }
+  }
+  // The last frame lasts one frame period; the clip lasts as long as it was recorded.
+  EXPECT_NEAR(d.durationUs - d.ptsUs.back(), minSpacing, 1);
+  const double durationS = d.durationUs / 1e6;
+  EXPECT_GE(durationS, 1.0);
+  EXPECT_LE(durationS, 3.5);
+  // A keyframe at least every second, give or take how much a frame came later than expected.
+  ASSERT_FALSE(d.keyUs.empty());
+  EXPECT_EQ(d.keyUs[0], 0);
+  for (size_t k = 1; k <= d.keyUs.size(); ++k) {
+    const int64_t next = k < d.keyUs.size() ? d.keyUs[k] : d.ptsUs.back();
+    EXPECT_LE(next - d.keyUs[k - 1], KoClipWriter::kKeyframeIntervalUs + maxSpacing - minSpacing);
+  }
+
+  double minY = 99, sumY = 0, minC = 99;
+  for (size_t i = 0; i < idx.size(); ++i) {
+    const Frame& fed = c.frames[idx[i]];
+    const double y = psnr(fed.data(), d.frames[i].data(), kLuma);
+    minY = std::min(minY, y);
+    sumY += y;
+    minC = std::min(minC, psnr(fed.data() + kLuma, d.frames[i].data() + kLuma, kLuma / 2));
+  }
+  EXPECT_GE(minY, 35.0);
+  EXPECT_GE(minC, 35.0);  // catches swapped or shifted chroma planes
+  std::printf(
+      "[ clip     ] %s: %zu frames, %zu bytes, %.2f s, %zu keyframes, luma PSNR min %.2f "
+      "mean %.2f dB, chroma min %.2f dB (%s)\n",
+      label.c_str(), idx.size(), bytes.size(), durationS, d.keyUs.size(), minY, sumY / idx.size(),
+      minC, w.encoderName());
+}
+
+TEST(KoClipWriterTest, WritesRealFramesThatDecodeBackWithTheirStamps) {
+  const Clip& a = webcamClip("webcam_face_a_400x300_25fps.mp4");
+  const Clip& b = webcamClip("webcam_face_b_400x300_25fps.mp4");
+  ASSERT_FALSE(a.frames.empty());
+  ASSERT_FALSE(b.frames.empty());
+  checkRoundTrip("clip a", a, allFrames(a));
+  checkRoundTrip("clip b", b, allFrames(b));
+  // Ten frames dropped in the middle: a 440 ms frame, the rest of the clip stays in time.
+  std::vector<size_t> gap = allFrames(a);
+  gap.erase(gap.begin() + 30, gap.begin() + 40);
+  checkRoundTrip("clip a, 10 frames dropped", a, gap);
+}
+
+TEST(KoClipWriterTest, WritesTheSameStreamIntoAPipe) {
+  const Clip& a = webcamClip("webcam_face_a_400x300_25fps.mp4");
+  ASSERT_FALSE(a.frames.empty());
+  TempFile file;
+  KoClipWriter w;
+  ASSERT_EQ(writeClip(w, file.fd, a, allFrames(a)), OK);
+
+  int p[2];
+  ASSERT_EQ(pipe(p), 0);
+  std::vector<uint8_t> piped;
+  std::thread reader([&] {
+    uint8_t buf[4096];
+    for (ssize_t n; (n = read(p[0], buf, sizeof buf)) > 0;) piped.insert(piped.end(), buf, buf + n);
+  });
+  const status_t err = writeClip(w, p[1], a, allFrames(a));  // the same writer, a second clip
+  close(p[1]);
+  reader.join();
+  close(p[0]);
+  EXPECT_EQ(err, OK);
+  EXPECT_EQ(w.bytesWritten(), piped.size());
+  EXPECT_TRUE(piped == file.bytes());  // one encoder thread: the same bytes
+}
+
+TEST(KoClipWriterTest, WriteFailuresEndTheClipWithoutSigpipe) {
+  const Clip& a = webcamClip("webcam_face_a_400x300_25fps.mp4");
+  ASSERT_FALSE(a.frames.empty());
+  const std::vector<size_t> idx = allFrames(a);
+  KoClipWriter w;
+  // Whichever call first finds the error reports it; later calls repeat it and do nothing.
+  auto expectFailure = [&](int fd, status_t expected) {
+    EXPECT_EQ(writeClip(w, fd, a, idx), expected);
+    EXPECT_EQ(w.addFrame(a.frames[0].data(), INT64_MAX), expected);
+    EXPECT_EQ(w.finish(), expected);
+  };
+
+  const int full = ::open("/dev/full", O_WRONLY);
+  ASSERT_GE(full, 0);
+  expectFailure(full, -ENOSPC);
+  EXPECT_EQ(w.bytesWritten(), 0u);
+  close(full);
+
+  // The reader went away: EPIPE, the process lives on, and the thread's signal mask is as it was.
+  int p[2];
+  ASSERT_EQ(pipe(p), 0);
+  close(p[0]);
+  expectFailure(p[1], -EPIPE);
+  sigset_t mask, pending;
+  ASSERT_EQ(pthread_sigmask(SIG_SETMASK, nullptr, &mask), 0);
+  EXPECT_EQ(sigismember(&mask, SIGPIPE), 0);
+  ASSERT_EQ(sigpending(&pending), 0);
+  EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
+
+  // A descriptor closed under a running clip; a closed one is refused up front.
+  ASSERT_EQ(w.open(p[1], kW, kH), OK);
+  close(p[1]);
+  status_t err = OK;
+  for (size_t i = 0; err == OK && i < idx.size(); ++i)
+    err = w.addFrame(a.frames[i].data(), a.stamps[i]);
+  EXPECT_EQ(err == OK ? w.finish() : err, -EBADF);
+  EXPECT_EQ(w.open(p[1], kW, kH), BAD_VALUE);
+}
+
+TEST(KoClipWriterTest, RejectsBadArgumentsAndCallsOutOfOrder) {
+  const Clip& a = webcamClip("webcam_face_a_400x300_25fps.mp4");
+  ASSERT_FALSE(a.frames.empty());
+  const uint8_t* f = a.frames[0].data();
+  TempFile file;
+  KoClipWriter w;
+  EXPECT_EQ(w.addFrame(f, 0), INVALID_OPERATION);
+  EXPECT_EQ(w.finish(), INVALID_OPERATION);
+  int p[2];
+  ASSERT_EQ(pipe(p), 0);
+  EXPECT_EQ(w.open(p[0], kW, kH), BAD_VALUE);  // read end
+  close(p[0]);
+  close(p[1]);
+  EXPECT_EQ(w.open(-1, kW, kH), BAD_VALUE);
+  EXPECT_EQ(w.open(file.fd, kW + 1, kH), BAD_VALUE);
+  EXPECT_EQ(w.open(file.fd, kW, kH - 1), BAD_VALUE);
+  EXPECT_EQ(w.open(file.fd, 0, kH), BAD_VALUE);
+  EXPECT_EQ(w.open(file.fd, kW, kH, 0), BAD_VALUE);
+  EXPECT_EQ(w.bytesWritten(), 0u);
+
+  // Rejected frames leave the clip as it was.
+  ASSERT_EQ(w.open(file.fd, kW, kH), OK);
+  EXPECT_EQ(w.open(file.fd, kW, kH), INVALID_OPERATION);
+  EXPECT_EQ(w.addFrame(nullptr, 1000), BAD_VALUE);
+  EXPECT_EQ(w.addFrame(f, 1000), OK);
+  EXPECT_EQ(w.addFrame(f, 1000), BAD_VALUE);
+  EXPECT_EQ(w.addFrame(f, 999), BAD_VALUE);
+  EXPECT_EQ(w.addFrame(a.frames[1].data(), 34333), OK);
+  EXPECT_EQ(w.finish(), OK);
+  EXPECT_EQ(w.addFrame(f, 100000), INVALID_OPERATION);
+  EXPECT_EQ(w.finish(), INVALID_OPERATION);
+  const Decoded d = decode(file.path);
+  EXPECT_EQ(d.ptsUs, (std::vector<int64_t>{0, 33333}));
+  EXPECT_EQ(d.durationUs, 66666);
+}
+
+TEST(KoClipWriterTest, AbandonedClipWritesNothingMore) {
+  const Clip& a = webcamClip("webcam_face_a_400x300_25fps.mp4");
+  ASSERT_FALSE(a.frames.empty());
+  TempFile file;
+  size_t written = 0;
+  {
+    KoClipWriter w;
+    ASSERT_EQ(w.open(file.fd, kW, kH), OK);
+    for (size_t i = 0; i < 40; ++i) ASSERT_EQ(w.addFrame(a.frames[i].data(), a.stamps[i]), OK);
+    written = w.bytesWritten();
+    EXPECT_GT(written, 0u);  // the fragment before the second keyframe is out
+  }
+  EXPECT_EQ(file.bytes().size(), written);
+}
+
+}  // namespace
+}  // namespace android
