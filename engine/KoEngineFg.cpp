@@ -9,6 +9,7 @@
 #include "DexCameraMotion.h"
 #include "DexFrameMetaData.h"
 #include "DexMotionDetection.h"
+#include "DexVideoGeneration.h"
 #include "KoEngine.h"
 #include "KoEngineBg.h"
 #include "KoBestShot.h"
@@ -315,6 +316,7 @@ void KoEngineFg::handlePreviewFrame(sp<KoFrameData>& frame, KO_PreviewFrameData_
     if (mProcessInFg) captureBestShotFromFG(ready[i]);
     postEncodeDataMsg(ready[i]);
   }
+  processVideoGen();
 }
 
 void KoEngineFg::handleMetaFaceFrame(sp<KoFaceMetaData>& face, unsigned int frameId, bool late) {
@@ -574,11 +576,27 @@ void KoEngineFg::handleSetStartVideo(int jobId) {
   KoSequenceQueue* queue = mEngine->mSequenceQueue;
   KoSequenceData* job = queue->getSequence(jobId);
   if (!job || !(queue->getProcessField(jobId) & KO_SEQ_MOTION_DONE)) return;
+  mEngine->mVideoGeneration->KoSetVideoStartPoint(job, mEngine->mPreviewEncode, mEngine->mCameraMotion);
   queue->setProcessField(jobId, KO_SEQ_VIDEO_START_SET);
-  // No clip is cut from the preview yet: the job's clip ends at once as cancelled, so that the
-  // job still finishes (no video-done callback is made for it).
-  job->mVideoCancelled = 1;
-  handleVideoEncodeComplete(jobId, false);
+}
+
+void KoEngineFg::processVideoGen() {
+  KoSequenceQueue* queue = mEngine->mSequenceQueue;
+  Vector<int> ids;
+  queue->getSequenceVector(KO_SEQ_VIDEO_START_SET, ids);
+  for (size_t i = 0; i < ids.size(); ++i) {
+    const int jobId = ids[i];
+    KoSequenceData* job = queue->getSequence(jobId);
+    const uint32_t pf = queue->getProcessField(jobId);
+    if (!job || !(pf & KO_SEQ_VIDEO_START_SET) || (pf & KO_SEQ_VIDEO_END_SET)) continue;
+    if (job->mVideoCancelled || job->mVideoSet) continue;
+    bool set = false, cancelled = false;
+    mEngine->mVideoGeneration->KoSetVideoEndPoint(job, mEngine->mPreviewEncode, mEngine->mCameraMotion, set,
+                                                  cancelled);
+    job->mVideoSet = set ? 1 : 0;
+    job->mVideoCancelled = cancelled ? 1 : 0;
+    if (set) queue->setProcessField(jobId, KO_SEQ_VIDEO_END_SET);
+  }
 }
 
 void KoEngineFg::handleVideoEncodeComplete(int jobId, bool saved) {

@@ -86,6 +86,7 @@ class KoEngineFg : public AHandler {
   void handleProcessCompleted(int jobId, int processField);
   void processBestShotDone(int jobId, KoSequenceData* job, bestShotInfo_t* result);
   void handleSetStartVideo(int jobId);
+  void processVideoGen();
   void handleVideoEncodeComplete(int jobId, bool saved);
 
   // Best shot in the foreground: the running candidate list on every kept frame, and the

@@ -26,8 +26,26 @@
 // stopRecording()) no preview frames are kept; startRecording() drops what is buffered.
 // An encoder built with videoEnable false keeps no frames at all: clips are not allowed.
 //
+// Clips: startClip() opens a clip for a job from a start stamp; from then on the clip takes its
+// own reference to every buffered frame from the start on and to every frame added later, until
+// endClip() gives the end stamp. The encoder's own thread encodes the referenced frames as they
+// come (H.264 in fragmented MP4, KoClipWriter) into the job's descriptor, which is never closed
+// here, and reports the outcome through the completion callback once: saved when every frame up
+// to the end was written and the file finished, not saved on any failure, on cancelClip(), or
+// for a clip without a single frame. Frames the buffer drops meanwhile (time or memory bound,
+// flush, recording) stay alive for the clips that hold them; frames the camera never delivered
+// (shed while the engine was late) are missing from the clip, whose time stamps then show the
+// gap. While the host records, frames are not kept, so a clip open across a recording simply
+// has a gap or ends at the last frame before it. A clip's frames are released as soon as they
+// are encoded, so a clip holds little beyond the frames of its first second.
+// Several clips may be open at once; each has its own writer and descriptor and the encoding
+// thread serves them in turn, one frame at a time.
+//
 // All operations are thread-safe (one internal mutex): the camera's thread starts and stops
-// recording and flushes while the foreground thread adds frames.
+// recording and flushes while the foreground thread adds frames and opens and ends clips. The
+// completion callback runs on the encoding thread without the mutex held. Deleting the encoder
+// stops its thread at once: open clips are abandoned (their descriptors keep what was written)
+// and are not reported.
 #include <utils/Errors.h>
 #include <utils/RefBase.h>
 #include <utils/StrongPointer.h>
@@ -35,12 +53,18 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <condition_variable>
 #include <deque>
 #include <functional>
+#include <list>
+#include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 namespace android {
+
+class KoClipWriter;
 
 class KoPreviewEncode {
  public:
@@ -101,7 +125,8 @@ class KoPreviewEncode {
   // To walk a range, ask again from the reported stamp + 1.
   status_t copyFrame(int64_t fromUs, uint8_t* dst, size_t dstBytes, int& width, int& height,
                      int64_t& timestampUs) const;
-  // Image memory held: buffered frames plus free buffers kept for reuse.
+  // Image memory held by the buffer: buffered frames plus free buffers kept for reuse (frames
+  // that only open clips still hold are not counted).
   size_t memoryBytes() const;
 
   bool isRecording() const;
@@ -110,19 +135,63 @@ class KoPreviewEncode {
   // how frames are buffered.
   bool auxEnabled() const { return mAuxEnable; }
 
+  // ---- Clips ----
+  // Opens a clip for `jobId` written to `fd`, from the first frame stamped at or after
+  // `startUs`. OK; BAD_VALUE for a negative descriptor; INVALID_OPERATION when clips are not
+  // allowed (video disabled), while the host records, or when the job already has an open clip.
+  status_t startClip(int jobId, int fd, int64_t startUs);
+  // Ends the job's clip with the last frame stamped at or before `endUs`; frames after it are
+  // let go. OK; NAME_NOT_FOUND for a job without an open clip; BAD_VALUE for an end before the
+  // clip's start. A clip ended once keeps its first end.
+  status_t endClip(int jobId, int64_t endUs);
+  // Abandons the job's clip; it is reported not saved. OK or NAME_NOT_FOUND.
+  status_t cancelClip(int jobId);
+  // Stamps of the first and of the newest frame the job's clip has taken so far (-1 and -1
+  // while it has none). False when the job has no open clip.
+  bool clipSpan(int jobId, int64_t& firstUs, int64_t& newestUs) const;
+  // Clips opened and not yet reported.
+  size_t openClips() const;
+  // Bit rate of the clips opened from now on, in bits per second; 0 restores the writer's
+  // default. A rate the writer refuses makes those clips fail (reported not saved).
+  void setClipBitrate(int bitsPerSecond);
+
   // Reports the end of a clip's encoding to the bound owner (called on the encoding thread;
   // never with the internal mutex held). Without a bound owner it only logs.
   void notifyEncodeComplete(int jobId, bool saved);
 
  private:
   struct Slot {
-    uint8_t* data = nullptr;
+    std::shared_ptr<uint8_t> data;  // shared with the clips that hold the frame
     size_t capacity = 0;
     size_t bytes = 0;
     int width = 0;
     int height = 0;
     int64_t timestampUs = 0;
   };
+  struct Clip {
+    int jobId = 0;
+    int fd = -1;
+    int bitrate = 0;
+    int64_t startUs = 0;
+    int64_t endUs = INT64_MAX;
+    int64_t firstUs = -1;          // first frame taken
+    int64_t newestUs = -1;         // newest frame taken
+    bool ended = false;
+    bool cancelled = false;
+    std::deque<Slot> pending;      // taken, not yet encoded
+    // Encoding thread only:
+    std::unique_ptr<KoClipWriter> writer;
+    bool failed = false;
+    int framesWritten = 0;
+    int width = 0;  // of the first frame; frames of another size are left out
+    int height = 0;
+  };
+
+  void encodeLoop();
+  // Picks the next clip with work, in opening order; null when none. With mLock held.
+  Clip* nextClipLocked();
+  void ensureThreadLocked();
+  void takeFrameLocked(Clip& clip, const Slot& slot);
 
   // All with mLock held.
   void dropAllFramesLocked();
@@ -138,8 +207,14 @@ class KoPreviewEncode {
   mutable std::mutex mLock;
   bool mRecording = false;
   std::deque<Slot> mFrames;  // oldest first
-  std::vector<Slot> mPool;   // free buffers
+  std::vector<Slot> mPool;   // free buffers, held by nobody else
   size_t mAllocatedBytes = 0;
+
+  std::list<Clip> mClips;    // opening order; removed by the encoding thread only
+  int mClipBitrate = 0;
+  bool mStopping = false;
+  std::condition_variable mWork;
+  std::thread mThread;
 };
 
 }  // namespace android

@@ -1,6 +1,8 @@
-// Rolling buffer of preview frames for the clip encoder. Each buffered frame lives in its own
-// 16-byte aligned buffer; buffers dropped from the front go to a small pool and are handed out
-// again for new frames of the same or a smaller size, so that a warm buffer allocates nothing.
+// Rolling buffer of preview frames and the clip encoder behind it. Each buffered frame lives in
+// its own 16-byte aligned buffer; buffers dropped from the front go to a small pool and are
+// handed out again for new frames of the same or a smaller size, so that a warm buffer
+// allocates nothing. A buffer that an open clip still holds is not reused: the clip owns it
+// from then on and frees it once the frame is encoded.
 #include "KoPreviewEncode.h"
 
 #include <log/log.h>
@@ -8,7 +10,9 @@
 #include <algorithm>
 #include <cstring>
 
+#include "KoClipWriter.h"
 #include "fastcv.h"
+#include "pthread_np.h"
 
 namespace android {
 
@@ -23,7 +27,14 @@ KoPreviewEncode::KoPreviewEncode(bool videoEnable, bool auxEnable)
     : mVideoEnable(videoEnable), mAuxEnable(auxEnable) {}
 
 KoPreviewEncode::~KoPreviewEncode() {
+  {
+    std::lock_guard<std::mutex> lock(mLock);
+    mStopping = true;
+  }
+  mWork.notify_all();
+  if (mThread.joinable()) mThread.join();
   std::lock_guard<std::mutex> lock(mLock);
+  mClips.clear();
   releaseAllLocked();
 }
 
@@ -61,12 +72,19 @@ void KoPreviewEncode::addFrame(uint8_t* data, int width, int height, int64_t tim
 
   Slot slot;
   if (!acquireSlotLocked(bytes, slot)) return;
-  memcpy(slot.data, data, bytes);
+  memcpy(slot.data.get(), data, bytes);
   slot.bytes = bytes;
   slot.width = width;
   slot.height = height;
   slot.timestampUs = timestampUs;
   mFrames.push_back(slot);
+  bool taken = false;
+  for (Clip& c : mClips) {
+    if (c.ended || c.cancelled || timestampUs < c.startUs) continue;
+    takeFrameLocked(c, slot);
+    taken = true;
+  }
+  if (taken) mWork.notify_one();
 }
 
 void KoPreviewEncode::startRecording() {
@@ -119,7 +137,7 @@ status_t KoPreviewEncode::copyFrame(int64_t fromUs, uint8_t* dst, size_t dstByte
   height = it->height;
   timestampUs = it->timestampUs;
   if (dst == nullptr || dstBytes < it->bytes) return BAD_VALUE;
-  memcpy(dst, it->data, it->bytes);
+  memcpy(dst, it->data.get(), it->bytes);
   return OK;
 }
 
@@ -144,14 +162,190 @@ void KoPreviewEncode::notifyEncodeComplete(int jobId, bool saved) {
   mComplete(jobId, saved);
 }
 
+// ---- Clips ----------------------------------------------------------------------------------
+
+status_t KoPreviewEncode::startClip(int jobId, int fd, int64_t startUs) {
+  if (fd < 0) return BAD_VALUE;
+  std::lock_guard<std::mutex> lock(mLock);
+  if (!mVideoEnable || mRecording || mStopping) return INVALID_OPERATION;
+  for (const Clip& c : mClips) {
+    if (c.jobId == jobId && !c.cancelled) return INVALID_OPERATION;
+  }
+  mClips.emplace_back();
+  Clip& clip = mClips.back();
+  clip.jobId = jobId;
+  clip.fd = fd;
+  clip.bitrate = mClipBitrate;
+  clip.startUs = startUs;
+  for (const Slot& s : mFrames) {
+    if (s.timestampUs >= startUs) takeFrameLocked(clip, s);
+  }
+  ensureThreadLocked();
+  mWork.notify_one();
+  return OK;
+}
+
+status_t KoPreviewEncode::endClip(int jobId, int64_t endUs) {
+  std::lock_guard<std::mutex> lock(mLock);
+  for (Clip& c : mClips) {
+    if (c.jobId != jobId || c.cancelled) continue;
+    if (c.ended) return OK;
+    if (endUs < c.startUs) return BAD_VALUE;
+    c.ended = true;
+    c.endUs = endUs;
+    while (!c.pending.empty() && c.pending.back().timestampUs > endUs) c.pending.pop_back();
+    mWork.notify_one();
+    return OK;
+  }
+  return NAME_NOT_FOUND;
+}
+
+status_t KoPreviewEncode::cancelClip(int jobId) {
+  std::lock_guard<std::mutex> lock(mLock);
+  for (Clip& c : mClips) {
+    if (c.jobId != jobId || c.cancelled) continue;
+    c.cancelled = true;
+    c.pending.clear();
+    mWork.notify_one();
+    return OK;
+  }
+  return NAME_NOT_FOUND;
+}
+
+bool KoPreviewEncode::clipSpan(int jobId, int64_t& firstUs, int64_t& newestUs) const {
+  std::lock_guard<std::mutex> lock(mLock);
+  for (const Clip& c : mClips) {
+    if (c.jobId != jobId || c.cancelled) continue;
+    firstUs = c.firstUs;
+    newestUs = c.newestUs;
+    return true;
+  }
+  firstUs = newestUs = -1;
+  return false;
+}
+
+size_t KoPreviewEncode::openClips() const {
+  std::lock_guard<std::mutex> lock(mLock);
+  return mClips.size();
+}
+
+void KoPreviewEncode::setClipBitrate(int bitsPerSecond) {
+  std::lock_guard<std::mutex> lock(mLock);
+  mClipBitrate = bitsPerSecond;
+}
+
+void KoPreviewEncode::takeFrameLocked(Clip& clip, const Slot& slot) {
+  // The writer needs strictly increasing stamps: a repeated or older stamp is left out.
+  if (slot.timestampUs <= clip.newestUs) return;
+  if (clip.firstUs < 0) clip.firstUs = slot.timestampUs;
+  clip.pending.push_back(slot);
+  clip.newestUs = slot.timestampUs;
+}
+
+void KoPreviewEncode::ensureThreadLocked() {
+  if (mThread.joinable()) return;
+  mThread = std::thread([this] { encodeLoop(); });
+}
+
+KoPreviewEncode::Clip* KoPreviewEncode::nextClipLocked() {
+  for (Clip& c : mClips) {
+    if (c.cancelled || !c.pending.empty() || c.ended) return &c;
+  }
+  return nullptr;
+}
+
+void KoPreviewEncode::encodeLoop() {
+  pthread_setname_np(pthread_self(), "KoPreviewEnc");
+  std::unique_lock<std::mutex> lock(mLock);
+  for (;;) {
+    Clip* clip = nullptr;
+    mWork.wait(lock, [&] { return mStopping || (clip = nextClipLocked()) != nullptr; });
+    if (mStopping) break;
+
+    if (clip->cancelled || (clip->ended && clip->pending.empty())) {
+      // The clip is complete (or abandoned): finish its file outside the lock, then report.
+      const bool cancelled = clip->cancelled;
+      const int jobId = clip->jobId;
+      std::unique_ptr<KoClipWriter> writer = std::move(clip->writer);
+      const bool usable = !clip->failed && clip->framesWritten > 0;
+      for (auto it = mClips.begin(); it != mClips.end(); ++it) {
+        if (&*it == clip) {
+          mClips.erase(it);
+          break;
+        }
+      }
+      lock.unlock();
+      bool saved = false;
+      if (!cancelled && usable && writer) {
+        const status_t err = writer->finish();
+        saved = err == OK;
+        if (!saved) {
+          __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: job %d clip not finished (%d)", __func__,
+                              jobId, static_cast<int>(err));
+        }
+      } else if (!cancelled) {
+        __android_log_print(ANDROID_LOG_WARN, kTag, "%s: job %d clip has no frames to save", __func__, jobId);
+      }
+      writer.reset();
+      notifyEncodeComplete(jobId, saved);
+      lock.lock();
+      continue;
+    }
+
+    // One frame of this clip.
+    Slot frame = clip->pending.front();
+    clip->pending.pop_front();
+    const bool failed = clip->failed;
+    lock.unlock();
+    if (!failed) {
+      // The encoding thread alone touches the writer and the failure flag, and the clip stays
+      // in the list until this thread removes it.
+      if (!clip->writer) {
+        clip->writer.reset(new KoClipWriter());
+        const int bitrate = clip->bitrate != 0 ? clip->bitrate : KoClipWriter::kDefaultBitrate;
+        const status_t err = clip->writer->open(clip->fd, frame.width, frame.height, bitrate);
+        if (err != OK) {
+          __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: job %d clip encoder not opened (%d)", __func__,
+                              clip->jobId, static_cast<int>(err));
+          clip->failed = true;
+        }
+        clip->width = frame.width;
+        clip->height = frame.height;
+      }
+      if (!clip->failed) {
+        if (frame.width != clip->width || frame.height != clip->height) {
+          __android_log_print(ANDROID_LOG_WARN, kTag, "%s: job %d frame of %dx%d left out of a %dx%d clip",
+                              __func__, clip->jobId, frame.width, frame.height, clip->width, clip->height);
+        } else {
+          const status_t err = clip->writer->addFrame(frame.data.get(), frame.timestampUs);
+          if (err == OK) {
+            ++clip->framesWritten;
+          } else {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: job %d clip write failed (%d)", __func__,
+                                clip->jobId, static_cast<int>(err));
+            clip->failed = true;
+          }
+        }
+      }
+    }
+    lock.lock();
+    // A frame the buffer has dropped meanwhile (and no other clip holds) gives its buffer back
+    // to the pool, so that a clip lagging behind the preview does not make every new frame
+    // allocate.
+    if (frame.data.use_count() == 1 && mPool.size() < kMaxPooledBuffers &&
+        mAllocatedBytes + frame.capacity <= kMaxMemoryBytes && !mStopping) {
+      mAllocatedBytes += frame.capacity;
+      mPool.push_back(std::move(frame));
+    }
+  }
+}
+
 void KoPreviewEncode::dropAllFramesLocked() {
   while (!mFrames.empty()) evictOldestLocked();
 }
 
 void KoPreviewEncode::releaseAllLocked() {
-  for (Slot& s : mFrames) fcvMemFree(s.data);
-  for (Slot& s : mPool) fcvMemFree(s.data);
-  mFrames.clear();
+  mFrames.clear();  // buffers still held by clips are freed with their last reference
   mPool.clear();
   mAllocatedBytes = 0;
 }
@@ -163,12 +357,13 @@ void KoPreviewEncode::evictOldestLocked() {
 }
 
 void KoPreviewEncode::recycleLocked(Slot& slot) {
-  if (mPool.size() < kMaxPooledBuffers) {
+  // A buffer a clip still holds leaves the buffer's accounts; the clip frees it.
+  if (slot.data.use_count() == 1 && mPool.size() < kMaxPooledBuffers) {
     mPool.push_back(slot);
     return;
   }
-  fcvMemFree(slot.data);
   mAllocatedBytes -= slot.capacity;
+  slot.data.reset();
 }
 
 bool KoPreviewEncode::acquireSlotLocked(size_t bytes, Slot& out) {
@@ -196,14 +391,13 @@ bool KoPreviewEncode::acquireSlotLocked(size_t bytes, Slot& out) {
         return false;
       }
       out = Slot();
-      out.data = static_cast<uint8_t*>(p);
+      out.data.reset(static_cast<uint8_t*>(p), [](uint8_t* q) { fcvMemFree(q); });
       out.capacity = bytes;
       mAllocatedBytes += bytes;
       return true;
     }
     // Over the memory bound: free buffers too small to reuse go first, then the oldest frame.
     if (!mPool.empty()) {
-      fcvMemFree(mPool.back().data);
       mAllocatedBytes -= mPool.back().capacity;
       mPool.pop_back();
     } else if (!mFrames.empty()) {

@@ -48,9 +48,12 @@ class SimulatedCamera {
     EXPECT_EQ(engine->registerKoEngineDoneCallBack(&SimulatedCamera::onEngineDone), 0);
     EXPECT_EQ(engine->registerStatisticsCallBack(&SimulatedCamera::onStatistics), 0);
     EXPECT_EQ(engine->registerBestShotDoneCallBack(&SimulatedCamera::onBestShotDone), 0);
+    EXPECT_EQ(engine->registerVideoDoneCallBack(&SimulatedCamera::onVideoDone), 0);
   }
 
-  // The preview record of frame `id`: the picture shifted right by id % 4 pixels.
+  // The preview record of frame `id`: the picture shifted right by id % 4 pixels. With a
+  // moving subject, a 600x600 patch from the picture's centre also swings left and right in
+  // front of it (12 pixels a frame, up to 120 either way), as a person walking by would.
   android::KO_PreviewFrameData_t preview(uint32_t id) {
     const int shift = static_cast<int>(id % 4);
     for (int y = 0; y < kHeight; ++y) {
@@ -58,6 +61,15 @@ class SimulatedCamera {
       const uint8_t* src = &mPicture[static_cast<size_t>(y) * kWidth];
       memcpy(row + shift, src, kWidth - shift);
       memcpy(row, src + kWidth - shift, shift);
+    }
+    if (movingSubject) {
+      const int phase = static_cast<int>(id % 40);
+      const int offset = 12 * (phase < 20 ? phase - 10 : 30 - phase);
+      const int x0 = (kWidth - kPatch) / 2, y0 = (kHeight - kPatch) / 2;
+      for (int y = y0; y < y0 + kPatch; ++y) {
+        memcpy(&mFrame[static_cast<size_t>(y) * kWidth + x0 + offset], &mPicture[static_cast<size_t>(y) * kWidth + x0],
+               kPatch);
+      }
     }
     memcpy(&mFrame[kWidth * kHeight], &mPicture[kWidth * kHeight], kWidth * kHeight / 2);
     android::KO_PreviewFrameData_t p = {};
@@ -131,9 +143,9 @@ class SimulatedCamera {
     return mStatistics;
   }
 
-  // Best-shot-done and engine-done callbacks in the order they came.
+  // Best-shot-done, video-done and engine-done callbacks in the order they came.
   struct Event {
-    enum Kind { kBestShotDone, kEngineDone } kind;
+    enum Kind { kBestShotDone, kVideoDone, kEngineDone } kind;
     int jobId;
     uint32_t frameId;  // best shot: the chosen frame
     bool replace;      // best shot: the capture is to be replaced
@@ -142,6 +154,9 @@ class SimulatedCamera {
     std::lock_guard<std::mutex> lock(mLock);
     return mEvents;
   }
+
+  bool movingSubject = false;
+  static constexpr int kPatch = 600;
 
   // A slow consumer: callbacks of this kind block while set.
   std::atomic<int> mStatisticsDelayMs{0};
@@ -170,6 +185,11 @@ class SimulatedCamera {
     std::lock_guard<std::mutex> lock(cam->mLock);
     const uint8_t* data = static_cast<const uint8_t*>(stats->data);
     cam->mStatistics.emplace_back(data, data + stats->size);
+  }
+  static void onVideoDone(void* cookie, int jobId) {
+    SimulatedCamera* cam = self(cookie);
+    std::lock_guard<std::mutex> lock(cam->mLock);
+    cam->mEvents.push_back({Event::kVideoDone, jobId, 0, false});
   }
   static void onBestShotDone(void* cookie, int jobId, android::KO_bestShotDone_cb_t* result) {
     SimulatedCamera* cam = self(cookie);

@@ -14,6 +14,11 @@
 #include <thread>
 #include <vector>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "ClipDecoder.h"
+#include "ClipProbe.h"
 #include "DexFrameMetaData.h"
 #include "KoPreviewEncode.h"
 #include "StderrCapture.h"
@@ -316,6 +321,219 @@ TEST_F(KoPreviewEncodeTest, ConcurrentAddAndFlush) {
   EXPECT_LE(enc.memoryBytes(), KoPreviewEncode::kMaxMemoryBytes);
   enc.flush();
   EXPECT_EQ(enc.frameCount(), 0u);
+}
+
+
+// ---- Clips --------------------------------------------------------------------------------
+
+// Frames of the real webcam clip a at 640x360 as planar 4:2:0, with the clip's own 25 fps
+// stamps; loaded once.
+struct WebcamFrames {
+  std::vector<std::vector<uint8_t>> frames;
+  std::vector<int64_t> ts;
+};
+const WebcamFrames& webcamFrames() {
+  static const WebcamFrames clip = [] {
+    WebcamFrames out;
+    const std::string path = kovane_test::testDataPath("webcam_face_a_400x300_25fps.mp4");
+    kovane_replay::ClipDecoder dec;
+    if (path.empty() || !dec.open(path) || !dec.setOutput(kW, kH, kovane_replay::ClipDecoder::FIT_CROP)) return out;
+    kovane_replay::ClipFrame f;
+    while (out.frames.size() < 100 && dec.next(f)) {
+      std::vector<uint8_t> planar(kBytes);
+      memcpy(planar.data(), f.image.y(), static_cast<size_t>(kW) * kH);
+      const uint8_t* vu = f.image.y() + kW * kH;
+      uint8_t* u = planar.data() + kW * kH;
+      uint8_t* v = u + kW * kH / 4;
+      for (int i = 0; i < kW * kH / 4; ++i) {
+        v[i] = vu[2 * i];
+        u[i] = vu[2 * i + 1];
+      }
+      out.frames.push_back(std::move(planar));
+      out.ts.push_back(kBaseUs + f.ptsUs);
+    }
+    return out;
+  }();
+  return clip;
+}
+
+// A temporary file for a clip, removed with the object.
+struct TempClip {
+  std::string path;
+  int fd = -1;
+  explicit TempClip(const char* name) {
+    path = std::string(testing::TempDir()) + name;
+    fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+  }
+  ~TempClip() {
+    if (fd >= 0) close(fd);
+    unlink(path.c_str());
+  }
+};
+
+class KoPreviewEncodeClipTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(webcamFrames().frames.size(), 100u); }
+  const std::vector<uint8_t>& frame(int i) const { return webcamFrames().frames[static_cast<size_t>(i)]; }
+  int64_t ts(int i) const { return webcamFrames().ts[static_cast<size_t>(i)]; }
+  void add(KoPreviewEncode& enc, int from, int to) {
+    for (int i = from; i <= to; ++i) enc.addFrame(const_cast<uint8_t*>(frame(i).data()), kW, kH, ts(i));
+  }
+  // Waits for `n` completion reports in all.
+  bool reported(const sp<TestOwner>& owner, size_t n) {
+    return kovane_test::waitUntil([&] { return owner->calls().size() >= n; }, 30000);
+  }
+};
+
+TEST_F(KoPreviewEncodeClipTest, ClipsDecodeToTheFramesFedWithTheirStampsAndGaps) {
+  sp<TestOwner> owner = new TestOwner();
+  KoPreviewEncode enc(owner, TestOwner::encodeCompleteCb, true, true);
+  TempClip file("clip_a.mp4");
+  int pipeFds[2];
+  ASSERT_EQ(pipe(pipeFds), 0);
+  std::string piped;
+  std::thread reader([&] {
+    char buf[65536];
+    ssize_t n;
+    while ((n = read(pipeFds[0], buf, sizeof buf)) > 0) piped.append(buf, static_cast<size_t>(n));
+  });
+
+  // Clip 1 (file) from frame 10 to 80, opened once frame 60 is buffered; frames 40-44 never
+  // reach the encoder (shed by a late engine). Clip 2 (pipe) from 30 to 70, open at the same time.
+  add(enc, 0, 39);
+  add(enc, 45, 60);
+  ASSERT_EQ(enc.startClip(1, file.fd, ts(10)), OK);
+  ASSERT_EQ(enc.startClip(2, pipeFds[1], ts(30) - 1), OK);
+  EXPECT_EQ(enc.startClip(1, file.fd, ts(10)), INVALID_OPERATION);  // one clip per job
+  add(enc, 61, 72);
+  ASSERT_EQ(enc.endClip(2, ts(70)), OK);
+  add(enc, 73, 85);
+  int64_t first = 0, newest = 0;
+  ASSERT_TRUE(enc.clipSpan(1, first, newest));
+  EXPECT_EQ(first, ts(10));
+  EXPECT_EQ(newest, ts(85));
+  ASSERT_EQ(enc.endClip(1, ts(80)), OK);
+  ASSERT_TRUE(reported(owner, 2));
+  close(pipeFds[1]);
+  reader.join();
+  close(pipeFds[0]);
+  EXPECT_EQ(enc.openClips(), 0u);
+  EXPECT_FALSE(enc.clipSpan(1, first, newest));
+  for (const auto& call : owner->calls()) EXPECT_TRUE(call.second) << "job " << call.first;
+
+  {
+    SCOPED_TRACE("file clip");
+    const kovane_test::ProbedClip clip = kovane_test::probeClip(file.path);
+    ASSERT_TRUE(clip.ok) << clip.error;
+    EXPECT_NE(clip.format.find("mp4"), std::string::npos);
+    EXPECT_EQ(clip.streams, 1);
+    EXPECT_EQ(clip.codec, "h264");
+    EXPECT_EQ(clip.width, kW);
+    EXPECT_EQ(clip.height, kH);
+    std::vector<int> fed;
+    for (int i = 10; i <= 80; ++i) {
+      if (i < 40 || i > 44) fed.push_back(i);
+    }
+    ASSERT_EQ(clip.ptsUs.size(), fed.size());
+    double worst = 99.0;
+    for (size_t k = 0; k < fed.size(); ++k) {
+      EXPECT_NEAR(static_cast<double>(clip.ptsUs[k]), static_cast<double>(ts(fed[k]) - ts(10)), 1.0) << k;
+      worst = std::min(worst, kovane_test::lumaPsnr(clip.luma[k].data(), frame(fed[k]).data(), kW, kH));
+    }
+    EXPECT_GE(worst, 35.0);
+    EXPECT_GT(clip.durationUs(), 1000000);
+    EXPECT_LT(clip.durationUs(), 3500000);
+    struct stat st;
+    ASSERT_EQ(fstat(file.fd, &st), 0);
+    EXPECT_LT(st.st_size, 2 * 1024 * 1024);
+  }
+  {
+    SCOPED_TRACE("piped clip");
+    TempClip copy("clip_b.mp4");
+    ASSERT_EQ(write(copy.fd, piped.data(), piped.size()), static_cast<ssize_t>(piped.size()));
+    const kovane_test::ProbedClip clip = kovane_test::probeClip(copy.path);
+    ASSERT_TRUE(clip.ok) << clip.error;
+    ASSERT_EQ(clip.ptsUs.size(), 41u - 5u);
+    EXPECT_EQ(clip.ptsUs.back(), ts(70) - ts(30));
+  }
+  // The descriptors stay the caller's.
+  EXPECT_NE(fcntl(file.fd, F_GETFD), -1);
+}
+
+TEST_F(KoPreviewEncodeClipTest, FailuresAreReportedNotSavedOnceAndTheNextClipWorks) {
+  sp<TestOwner> owner = new TestOwner();
+  kovane_test::StderrCapture quiet;
+  auto enc = std::make_unique<KoPreviewEncode>(owner, TestOwner::encodeCompleteCb, true, true);
+  add(*enc, 0, 20);
+  size_t reports = 0;
+  auto expectReport = [&](int job, bool saved) {
+    ASSERT_TRUE(reported(owner, ++reports)) << "job " << job;
+    EXPECT_EQ(owner->calls().back(), std::make_pair(job, saved));
+  };
+
+  // Opening: bad descriptor, no clips while recording or when video is off.
+  EXPECT_EQ(enc->startClip(1, -1, ts(0)), BAD_VALUE);
+  enc->startRecording();
+  EXPECT_EQ(enc->startClip(1, 1, ts(0)), INVALID_OPERATION);
+  enc->stopRecording();
+  KoPreviewEncode off(owner, TestOwner::encodeCompleteCb, false, true);
+  EXPECT_EQ(off.startClip(1, 1, ts(0)), INVALID_OPERATION);
+  EXPECT_EQ(enc->endClip(99, ts(5)), NAME_NOT_FOUND);
+  EXPECT_EQ(enc->cancelClip(99), NAME_NOT_FOUND);
+  add(*enc, 21, 30);
+
+  // A full disk.
+  const int full = open("/dev/full", O_WRONLY);
+  ASSERT_GE(full, 0);
+  ASSERT_EQ(enc->startClip(10, full, ts(0)), OK);
+  enc->endClip(10, ts(30));
+  expectReport(10, false);
+  close(full);
+
+  // A pipe whose reader went away: no SIGPIPE kills the process.
+  int p[2];
+  ASSERT_EQ(pipe(p), 0);
+  close(p[0]);
+  ASSERT_EQ(enc->startClip(11, p[1], ts(0)), OK);
+  enc->endClip(11, ts(30));
+  expectReport(11, false);
+  close(p[1]);
+
+  // An encoder that cannot open; then a good clip with the default rate again.
+  TempClip file("clip_c.mp4");
+  enc->setClipBitrate(-1);
+  ASSERT_EQ(enc->startClip(12, file.fd, ts(0)), OK);
+  enc->endClip(12, ts(30));
+  expectReport(12, false);
+  struct stat st;
+  ASSERT_EQ(fstat(file.fd, &st), 0);
+  EXPECT_EQ(st.st_size, 0);
+  enc->setClipBitrate(0);
+  TempClip good("clip_e.mp4");
+  ASSERT_EQ(enc->startClip(13, good.fd, ts(5)), OK);
+  enc->endClip(13, ts(30));
+  expectReport(13, true);
+  // Recording dropped what was buffered before it: the clip has frames 21-30.
+  EXPECT_EQ(kovane_test::probeClip(good.path).ptsUs.size(), 10u);
+
+  // Cancelled while frames are being encoded; a clip that never got a frame.
+  TempClip other("clip_d.mp4");
+  ASSERT_EQ(enc->startClip(14, other.fd, ts(0)), OK);
+  add(*enc, 31, 40);
+  ASSERT_EQ(enc->cancelClip(14), OK);
+  expectReport(14, false);
+  ASSERT_EQ(enc->startClip(15, other.fd, ts(99)), OK);
+  EXPECT_EQ(enc->endClip(15, ts(98)), BAD_VALUE);
+  enc->endClip(15, ts(99));
+  expectReport(15, false);
+
+  // Deleted with a clip open and frames waiting: no report afterwards, the descriptor intact.
+  ASSERT_EQ(enc->startClip(16, other.fd, ts(0)), OK);
+  add(*enc, 41, 60);
+  enc.reset();
+  EXPECT_EQ(owner->calls().size(), reports);
+  EXPECT_NE(fcntl(other.fd, F_GETFD), -1);
+  quiet.finish();
 }
 
 }  // namespace
