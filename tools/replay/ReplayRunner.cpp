@@ -1,7 +1,12 @@
 #include "ReplayRunner.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -15,8 +20,10 @@
 #include "ClipFaceAnalysis.h"
 #include "DegradationSpec.h"
 #include "Degrader.h"
+#include "DexVideoGeneration.h"
 #include "FaceTrackFile.h"
 #include "JpegWriter.h"
+#include "MotionPhoto.h"
 #include "KoStatsReader.h"
 #include "Metrics.h"
 #include "ProgressLine.h"
@@ -153,6 +160,7 @@ struct ReplayRunner::Impl {
     bool hasEvent = false;
     DegradationEvent event;
     int jobId = 0;
+    int clipFd = -1;  // with --video: capture-NN/clip.mp4, open while the engine writes it
   };
   std::vector<Press> presses;
   std::vector<BlinkEvent> naturalBlinks;
@@ -380,7 +388,11 @@ bool ReplayRunner::replay(std::string* error) {
     const uint32_t frameId = static_cast<uint32_t>(i + 1);
     cam.feedFrame(frame.image, frameId, ts, faces, gyro);
     auto it = shutterAt.find(i);
-    if (it != shutterAt.end()) mImpl->presses[it->second].jobId = cam.takePicture(frameId, ts);
+    if (it != shutterAt.end()) {
+      Impl::Press& press = mImpl->presses[it->second];
+      if (o.video) press.clipFd = openClip(it->second);
+      press.jobId = cam.takePicture(frameId, ts, press.clipFd);
+    }
     progress.update(i + 1);
   }
   progress.finish();
@@ -390,7 +402,35 @@ bool ReplayRunner::replay(std::string* error) {
   cam.stop();
   mImpl->jobs = cam.jobs();
   mImpl->books = cam.books();
+  // The engine never closes a clip's descriptor: the camera does, once the engine is gone. A
+  // clip the engine did not save is not kept.
+  for (size_t n = 0; n < mImpl->presses.size(); ++n) {
+    Impl::Press& press = mImpl->presses[n];
+    if (press.clipFd < 0) continue;
+    close(press.clipFd);
+    press.clipFd = -1;
+    const CameraSimulator::Job* job = mImpl->jobFor(press.jobId);
+    if (!job || !job->videoDone) unlink(clipPath(n).c_str());
+  }
   return true;
+}
+
+std::string ReplayRunner::captureDir(size_t press) const {
+  char name[32];
+  snprintf(name, sizeof(name), "capture-%02d", static_cast<int>(press) + 1);
+  return name;
+}
+
+std::string ReplayRunner::clipPath(size_t press) const {
+  return mOptions.outDir + "/" + captureDir(press) + "/clip.mp4";
+}
+
+int ReplayRunner::openClip(size_t press) {
+  std::error_code ec;
+  std::filesystem::create_directories(mOptions.outDir + "/" + captureDir(press), ec);
+  const int fd = open(clipPath(press).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) fprintf(stderr, "kovane-replay: cannot write %s: %s\n", clipPath(press).c_str(), strerror(errno));
+  return fd;
 }
 
 }  // namespace kovane_replay
@@ -501,6 +541,22 @@ bool ReplayRunner::writeOutputs(std::string* error) {
     f << record.dump(2) << "\n";
     if (!f) return fail(error, "cannot write " + dir + "/record.json");
     r.recordJson = std::string(name) + "/record.json";
+    if (job->videoDone && std::filesystem::exists(clipPath(n))) {
+      r.clipMp4 = std::string(name) + "/clip.mp4";
+      // The still's place in the clip: the clip starts 1.5 s before the shutter (or with the
+      // first frame of the replay), unless a camera pan or a stalled preview moved its start.
+      if (!r.finalJpeg.empty() && r.finalFrame >= 0 && r.finalFrame < static_cast<int>(mTimesUs.size())) {
+        const int64_t shutterUs = mTimesUs[static_cast<size_t>(r.shutterFrame)];
+        const int64_t startUs = std::max(mTimesUs.front(), shutterUs - android::DexVideoGeneration::kPreRollUs);
+        const int64_t stillUs = mTimesUs[static_cast<size_t>(r.finalFrame)] - startUs;
+        std::string mpError;
+        if (MotionPhoto::write(dir + "/final.jpg", clipPath(n), stillUs, dir + "/motion.jpg", &mpError)) {
+          r.motionJpg = std::string(name) + "/motion.jpg";
+        } else {
+          fprintf(stderr, "kovane-replay: %s/motion.jpg: %s\n", dir.c_str(), mpError.c_str());
+        }
+      }
+    }
   }
   return ReportWriter::writeRun(out, mInfo, mPresses, error);
 }

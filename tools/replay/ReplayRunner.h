@@ -31,6 +31,7 @@ struct ReplayOptions {
   int jpegQuality = 90;
   bool progress = true;        // progress lines when stderr is a terminal
   int waitMs = 3000;           // after the last frame, how long jobs may take to finish
+  bool video = false;          // every press asks for a clip, written to capture-NN/clip.mp4
 };
 
 class ReplayRunner {
@@ -58,6 +59,11 @@ class ReplayRunner {
   bool replay(std::string* error);
   void collect();
   bool writeOutputs(std::string* error);
+  // capture-NN of a press (by its place in the plan) and the clip file in it.
+  std::string captureDir(size_t press) const;
+  std::string clipPath(size_t press) const;
+  // Makes the press's folder and opens its clip file for the engine; -1 when it cannot.
+  int openClip(size_t press);
 
   ReplayOptions mOptions;
   RunInfo mInfo;

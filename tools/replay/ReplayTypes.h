@@ -141,6 +141,8 @@ struct PressResult {
   std::string capturedJpeg;                     // relative to the output folder
   std::string finalJpeg;
   std::string recordJson;
+  std::string clipMp4;                          // the engine's clip, when it saved one
+  std::string motionJpg;                        // the final picture with the clip embedded
 };
 
 // Counts for one kind of press, or for all of them.

@@ -50,6 +50,7 @@ int main(int argc, char** argv) {
   app.add_option("--warmup", opt.warmupS, "seconds before the first press")->check(CLI::NonNegativeNumber);
   app.add_option("--spacing", opt.spacingS, "least seconds between presses")->check(CLI::PositiveNumber);
   app.add_option("--zsl-buffers", opt.zslBuffers, "the camera's ZSL buffers")->check(CLI::Range(2, 64));
+  app.add_flag("--video", opt.video, "every press asks for a clip: capture-NN/clip.mp4, shown in the report");
   app.add_flag("--quiet", quiet, "no progress lines and no table");
   app.add_flag("--has-faces", hasFaces, "print yes or no: does the face module find faces in the clip");
   app.add_option("--merge", merge, "summary.json files of several replays to put in one table");

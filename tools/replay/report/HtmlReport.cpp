@@ -47,9 +47,9 @@ a{color:#1d4ed8;text-decoration:none}
 .badge.kind{background:#e0e7ff;color:#3730a3}
 .badge.none{background:#fef3c7;color:#92400e}
 .facts{color:#4b5563;font-size:12.5px;margin:0 0 10px}
-.pics{display:grid;grid-template-columns:repeat(2,minmax(0,460px));gap:16px}
+.pics{display:grid;grid-template-columns:repeat(auto-fill,minmax(0,460px));gap:16px}
 figure{margin:0}
-figure img{display:block;width:100%;height:auto;border-radius:6px;background:#e5e7eb}
+figure img,figure video{display:block;width:100%;height:auto;border-radius:6px;background:#e5e7eb}
 figcaption{margin-top:5px;font-size:13px}
 .missing{display:flex;align-items:center;justify-content:center;aspect-ratio:16/9;padding:12px;border:1px dashed #d1d5db;border-radius:6px;background:#f9fafb;color:#b91c1c;font-size:13px;text-align:center;overflow-wrap:anywhere}
 .baseline{margin:8px 0 4px;font-size:13px}
@@ -251,7 +251,12 @@ std::string pressSection(const PressResult& p, const HtmlReport::PictureSource& 
   out += "<figure>" + picture(p.finalJpeg, "final picture, frame " + std::to_string(p.finalFrame), pictures) +
          "<figcaption><b>Final</b> \xC2\xB7 frame " + std::to_string(p.finalFrame) +
          (p.finalFrame == p.shutterFrame ? " (the captured one)" : "") + " " +
-         labelsOf(p, p.finalFrame, p.finalGood) + "</figcaption></figure></div>";
+         labelsOf(p, p.finalFrame, p.finalGood) + "</figcaption></figure>";
+  if (!p.clipMp4.empty()) {
+    out += "<figure><video controls muted loop playsinline preload=\"metadata\" src=\"" + esc(p.clipMp4) +
+           "\"></video><figcaption><b>Clip</b> \xC2\xB7 the engine's video around the shutter</figcaption></figure>";
+  }
+  out += "</div>";
   out += "<p class=\"baseline\">Sharpest-frame pick (baseline): frame " + std::to_string(p.baselineFrame) + " " +
          labelsOf(p, p.baselineFrame, p.baselineGood) + "</p>";
   out += TimelineSvg::of(p);

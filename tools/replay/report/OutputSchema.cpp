@@ -220,7 +220,9 @@ bool checkPress(const json& p, const std::string& path, std::string* error) {
   if (!checkObject(p["files"], at(path, "files"),
                    {{"captured_jpg", Type::String, true},
                     {"final_jpg", Type::String, true},
-                    {"record_json", Type::String, true}},
+                    {"record_json", Type::String, true},
+                    {"clip_mp4", Type::String, true},
+                    {"motion_jpg", Type::String, true}},
                    error)) {
     return false;
   }

@@ -98,7 +98,9 @@ json pressJson(const PressResult& p) {
           {"files",
            {{"captured_jpg", orNull(p.capturedJpeg)},
             {"final_jpg", orNull(p.finalJpeg)},
-            {"record_json", orNull(p.recordJson)}}},
+            {"record_json", orNull(p.recordJson)},
+            {"clip_mp4", orNull(p.clipMp4)},
+            {"motion_jpg", orNull(p.motionJpg)}}},
           {"timeline", std::move(timeline)}};
 }
 

@@ -61,7 +61,7 @@ bool CameraSimulator::start(std::string* error) {
   HostSensorFeed::reset();
   HostSensorFeed::setSensors({ASENSOR_TYPE_ACCELEROMETER, ASENSOR_TYPE_GYROSCOPE});
   // Clips are allowed by the configuration (which also turns on the per-frame motion scores);
-  // each capture asks for none.
+  // a capture asks for one when it is given a descriptor.
   KO_KoEngineConfig_t config = {mOptions.bestShot, /*videoEnable*/ true, /*auxEnable*/ true};
   mEngine = new KoEngine(this, &config);
   mEngine->registerFrameDoneCallBack(&CameraSimulator::onFrameDone);
@@ -202,8 +202,9 @@ void CameraSimulator::lendZsl(const Nv21Image& image, uint32_t frameId) {
   mLending = nullptr;
 }
 
-int CameraSimulator::takePicture(uint32_t frameId, int64_t timestampUs) {
+int CameraSimulator::takePicture(uint32_t frameId, int64_t timestampUs, int videoFd) {
   Job job;
+  job.videoFd = videoFd;
   {
     std::lock_guard<std::mutex> lock(mLock);
     job.jobId = mNextJobId++;
@@ -225,12 +226,12 @@ int CameraSimulator::takePicture(uint32_t frameId, int64_t timestampUs) {
   pic.frameId = static_cast<int32_t>(frameId);
   pic.timeStamp = kTimeBaseUs + timestampUs;
   pic.orientation = 0;
-  pic.videoFd = -1;
+  pic.videoFd = videoFd;
   pic.metadataFd = -1;
   pic.config = nullptr;
   pic.configSize = 0;
   pic.bestShotEnable = mOptions.bestShot;
-  pic.videoEnable = false;
+  pic.videoEnable = videoFd >= 0;
   pic.hdrMode = false;
   pic.exifTs.sec = static_cast<int32_t>(timestampUs / 1000000);
   pic.exifTs.nsec = static_cast<int32_t>((timestampUs % 1000000) * 1000);
@@ -351,6 +352,12 @@ void CameraSimulator::onEngineDone(void* cookie, int jobId) {
   cam->mChanged.notify_all();
 }
 
-void CameraSimulator::onVideoDone(void* /*cookie*/, int /*jobId*/) {}
+void CameraSimulator::onVideoDone(void* cookie, int jobId) {
+  CameraSimulator* cam = self(cookie);
+  std::lock_guard<std::mutex> lock(cam->mLock);
+  Job* job = cam->findJob(jobId);
+  if (job) job->videoDone = true;
+  cam->mChanged.notify_all();
+}
 
 }  // namespace kovane_replay

@@ -59,6 +59,8 @@ class CameraSimulator {
     Nv21Image chosen;                 // the chosen frame's ZSL picture, when it had one
     double decisionMs = -1.0;
     bool engineDone = false;
+    int videoFd = -1;                 // the descriptor the clip was asked into; -1: no clip
+    bool videoDone = false;           // the engine reported the clip saved
     std::chrono::steady_clock::time_point pressedAt;
   };
 
@@ -87,8 +89,9 @@ class CameraSimulator {
                 const std::vector<FaceRecord>& faces, const std::vector<GyroSample>& gyro);
   // Hands over the metadata still held back (the frames at the end of a clip).
   void flushMetadata();
-  // Shutter press on a frame already fed; returns the job id.
-  int takePicture(uint32_t frameId, int64_t timestampUs);
+  // Shutter press on a frame already fed; returns the job id. With videoFd >= 0 the press asks
+  // for a clip written to that descriptor (the caller keeps it and closes it after stop()).
+  int takePicture(uint32_t frameId, int64_t timestampUs, int videoFd = -1);
   // Waits until every job has its engine-done callback or the time is up; true when all did.
   bool waitForJobs(int timeoutMs);
   // Waits until every job has its statistics record or the time is up; true when all did.

@@ -14,6 +14,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "ClipProbe.h"
+#include "MotionPhoto.h"
 #include "ReportWriter.h"
 #include "TestData.h"
 
@@ -157,6 +159,46 @@ TEST(KovaneReplay, AReplayWritesValidOutputsReturnsEveryBufferAndSeesTheShake) {
   EXPECT_NE(html.find("<svg"), std::string::npos);
   EXPECT_EQ(html.find("http://"), std::string::npos);
   EXPECT_EQ(html.find("https://"), std::string::npos);
+  system(("rm -rf " + out).c_str());
+}
+
+// With --video every press asks for a clip: the talking head at 8 s holds too still for one,
+// the movement around 24 s makes one; the report plays the clip from the file next to it.
+TEST(KovaneReplay, VideoWritesTheEngineClipOfEachPressThatGotOne) {
+  const std::string clip = kovane_test::testDataPath("webcam_face_a_400x300_25fps.mp4");
+  ASSERT_FALSE(clip.empty());
+  const std::string out = tempDir();
+  const Result r = runReplay(clip + " --out " + out + " --faces none --until 26.5 --shutter 8,24 --video --quiet");
+  ASSERT_EQ(r.status, 0) << r.err;
+  const nlohmann::json decisions = readJson(out + "/decisions.json");
+  std::string error;
+  ASSERT_TRUE(kovane_replay::ReportWriter::validateDecisions(decisions, &error)) << error;
+  const auto& presses = decisions["presses"];
+  ASSERT_EQ(presses.size(), 2u);
+  EXPECT_TRUE(presses[0]["files"]["clip_mp4"].is_null());
+  EXPECT_NE(access((out + "/capture-01/clip.mp4").c_str(), F_OK), 0) << "an unsaved clip is not kept";
+  ASSERT_TRUE(presses[1]["files"]["clip_mp4"].is_string());
+  const std::string file = presses[1]["files"]["clip_mp4"].get<std::string>();
+  EXPECT_EQ(file, "capture-02/clip.mp4");
+  const kovane_test::ProbedClip probed = kovane_test::probeClip(out + "/" + file);
+  ASSERT_TRUE(probed.ok) << probed.error;
+  EXPECT_EQ(probed.codec, "h264");
+  EXPECT_GE(probed.durationUs(), 1000000);
+  EXPECT_LE(probed.durationUs(), 3500000);
+  for (const auto& p : presses) EXPECT_TRUE(p["engine"]["done"].get<bool>());
+  // The final picture with the clip embedded: the directory's video item is the clip, byte for
+  // byte at the offset it gives, and FFmpeg plays it from there.
+  ASSERT_TRUE(presses[1]["files"]["motion_jpg"].is_string());
+  const std::string motion = out + "/" + presses[1]["files"]["motion_jpg"].get<std::string>();
+  kovane_replay::MotionPhoto::Info info;
+  ASSERT_TRUE(kovane_replay::MotionPhoto::parse(motion, &info, &error)) << error;
+  EXPECT_EQ(info.videoLength, static_cast<int64_t>(readFile(out + "/" + file).size()));
+  EXPECT_EQ(readFile(motion).substr(static_cast<size_t>(info.videoOffset)), readFile(out + "/" + file));
+  EXPECT_GT(info.presentationTimestampUs, 0);
+  EXPECT_LT(info.presentationTimestampUs, probed.durationUs());
+  EXPECT_EQ(kovane_test::probeClip(motion, info.videoOffset).ptsUs, probed.ptsUs);
+  EXPECT_NE(readFile(out + "/report.html").find("<video controls muted loop playsinline preload=\"metadata\" src=\"" + file + "\""),
+            std::string::npos);
   system(("rm -rf " + out).c_str());
 }
 

@@ -1,0 +1,273 @@
+// Motion photos made of a real picture and a real webcam clip, read back the way a gallery
+// would: the JPEG decoder sees the same picture, FFmpeg plays the clip from where the XMP
+// directory places it.
+#include <gtest/gtest.h>
+#include <turbojpeg.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "ClipProbe.h"
+#include "JpegWriter.h"
+#include "MotionPhoto.h"
+#include "TestData.h"
+
+namespace fs = std::filesystem;
+using kovane_replay::MotionPhoto;
+
+namespace {
+
+const char kClipA[] = "webcam_face_a_400x300_25fps.mp4";
+const char kClipB[] = "webcam_face_b_400x300_25fps.mp4";
+
+struct TempDir {
+  fs::path path;
+  TempDir() {
+    char name[] = "/tmp/kovane_motionphoto_XXXXXX";
+    if (mkdtemp(name)) path = name;
+  }
+  ~TempDir() {
+    std::error_code ec;
+    fs::remove_all(path, ec);
+  }
+  std::string operator/(const std::string& name) const { return (path / name).string(); }
+  std::vector<std::string> names() const {
+    std::vector<std::string> out;
+    for (const auto& e : fs::directory_iterator(path)) out.push_back(e.path().filename().string());
+    std::sort(out.begin(), out.end());
+    return out;
+  }
+};
+
+std::vector<uint8_t> readAll(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+}
+
+void writeAll(const std::string& path, const std::vector<uint8_t>& bytes) {
+  std::ofstream f(path, std::ios::binary);
+  f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+bool decodeGrey(const std::vector<uint8_t>& jpeg, int& width, int& height, std::vector<uint8_t>& grey) {
+  tjhandle handle = tjInitDecompress();
+  int subsamp = 0, colorspace = 0;
+  bool ok = tjDecompressHeader3(handle, jpeg.data(), static_cast<unsigned long>(jpeg.size()), &width, &height,
+                                &subsamp, &colorspace) == 0;
+  if (ok) {
+    grey.resize(static_cast<size_t>(width) * height);
+    ok = tjDecompress2(handle, jpeg.data(), static_cast<unsigned long>(jpeg.size()), grey.data(), width, 0,
+                       height, TJPF_GRAY, 0) == 0;
+  }
+  tjDestroy(handle);
+  return ok;
+}
+
+// Presentation times of every frame FFmpeg decodes from `offset` on (empty when it cannot).
+std::vector<int64_t> framePts(const std::string& path, int64_t offset) {
+  const kovane_test::ProbedClip clip = kovane_test::probeClip(path, offset);
+  EXPECT_TRUE(clip.ok) << path << " @" << offset << ": " << clip.error;
+  return clip.ptsUs;
+}
+
+// Well-formedness of the tag structure: processing instructions aside, every element is closed,
+// in order, and quotes inside tags are balanced.
+bool tagsBalanced(const std::string& xml) {
+  std::vector<std::string> open;
+  for (size_t p = xml.find('<'); p != std::string::npos; p = xml.find('<', p)) {
+    if (xml.compare(p, 2, "<?") == 0) {
+      const size_t end = xml.find("?>", p);
+      if (end == std::string::npos) return false;
+      p = end + 2;
+      continue;
+    }
+    size_t q = p + 1;
+    char quote = 0;
+    while (q < xml.size() && (quote || xml[q] != '>')) {
+      if (xml[q] == '"' || xml[q] == '\'') quote = quote == xml[q] ? 0 : (quote ? quote : xml[q]);
+      ++q;
+    }
+    if (q >= xml.size()) return false;
+    const std::string tag = xml.substr(p + 1, q - p - 1);
+    const std::string name = tag.substr(tag[0] == '/', tag.find_first_of(" \t\r\n/>", 1) - (tag[0] == '/'));
+    if (tag[0] == '/') {
+      if (open.empty() || open.back() != name) return false;
+      open.pop_back();
+    } else if (tag.back() != '/') {
+      open.push_back(name);
+    }
+    p = q + 1;
+  }
+  return open.empty();
+}
+
+// The encoder's JPEG of a real frame.
+std::vector<uint8_t> cockatooJpeg(const std::string& path) {
+  kovane_replay::Nv21Image image;
+  image.width = 1280;
+  image.height = 720;
+  image.data = kovane_test::readNv21("cockatoo_f005_1280x720.nv21", 1280, 720);
+  std::string error;
+  EXPECT_TRUE(kovane_replay::JpegWriter::write(image, path, 90, &error)) << error;
+  return readAll(path);
+}
+
+}  // namespace
+
+TEST(MotionPhoto, EmbedsTheClipSoThatPictureAndClipBothStillRead) {
+  TempDir dir;
+  ASSERT_FALSE(dir.path.empty());
+  const std::string jpegPath = dir / "final.jpg", outPath = dir / "motion.jpg";
+  const std::string clipPath = kovane_test::testDataPath(kClipA);
+  ASSERT_FALSE(clipPath.empty());
+  const std::vector<uint8_t> jpeg = cockatooJpeg(jpegPath), mp4 = readAll(clipPath);
+  ASSERT_GT(jpeg.size(), 1000u);
+
+  std::string error;
+  ASSERT_TRUE(MotionPhoto::write(jpegPath, clipPath, 1200000, outPath, &error)) << error;
+  const std::vector<uint8_t> file = readAll(outPath);
+  std::vector<uint8_t> inMemory;
+  ASSERT_TRUE(MotionPhoto::compose(jpeg, mp4, 1200000, inMemory, &error)) << error;
+  EXPECT_TRUE(inMemory == file);
+  EXPECT_EQ(dir.names(), (std::vector<std::string>{"final.jpg", "motion.jpg"}));  // no temporary left
+
+  // The directory read back matches the file: the clip is the last mp4.size() bytes, exactly
+  // the clip's bytes, and the picture ends with EOI right before it.
+  MotionPhoto::Info info;
+  ASSERT_TRUE(MotionPhoto::parse(outPath, &info, &error)) << error;
+  EXPECT_EQ(info.motionPhoto, 1);
+  EXPECT_EQ(info.version, 1);
+  EXPECT_EQ(info.presentationTimestampUs, 1200000);
+  ASSERT_EQ(info.items.size(), 2u);
+  EXPECT_EQ(info.items[0].mime, "image/jpeg");
+  EXPECT_EQ(info.items[0].semantic, "Primary");
+  EXPECT_EQ(info.items[0].length, 0);
+  EXPECT_EQ(info.items[0].padding, 0);
+  EXPECT_EQ(info.items[1].mime, "video/mp4");
+  EXPECT_EQ(info.items[1].semantic, "MotionPhoto");
+  EXPECT_EQ(info.items[1].length, static_cast<int64_t>(mp4.size()));
+  EXPECT_EQ(info.fileSize, static_cast<int64_t>(file.size()));
+  const size_t offset = file.size() - mp4.size();
+  EXPECT_EQ(info.videoOffset, static_cast<int64_t>(offset));
+  EXPECT_EQ(info.videoLength, static_cast<int64_t>(mp4.size()));
+  EXPECT_EQ(info.primaryEnd, info.videoOffset);
+  ASSERT_GT(offset, jpeg.size());
+  EXPECT_EQ(file[0], 0xFF);
+  EXPECT_EQ(file[1], 0xD8);
+  EXPECT_EQ(file[offset - 2], 0xFF);
+  EXPECT_EQ(file[offset - 1], 0xD9);
+  EXPECT_TRUE(std::equal(mp4.begin(), mp4.end(), file.begin() + offset));
+
+  // The XMP is one APP1 segment after the JFIF APP0; without it the picture is the encoder's
+  // JPEG byte for byte.
+  ASSERT_EQ(jpeg[3], 0xE0);  // the encoder writes JFIF
+  const size_t p = 4 + ((jpeg[4] << 8) | jpeg[5]);
+  ASSERT_EQ(file[p], 0xFF);
+  ASSERT_EQ(file[p + 1], 0xE1);
+  const size_t segment = 2 + ((file[p + 2] << 8) | file[p + 3]);
+  EXPECT_EQ(std::string(file.begin() + p + 4, file.begin() + p + 33),
+            std::string("http://ns.adobe.com/xap/1.0/\0", 29));
+  std::vector<uint8_t> primary(file.begin(), file.begin() + p);
+  primary.insert(primary.end(), file.begin() + p + segment, file.begin() + offset);
+  EXPECT_TRUE(primary == jpeg);
+
+  const std::string xmp = MotionPhoto::xmpPacket(file);
+  EXPECT_EQ(xmp.size(), segment - 33);
+  EXPECT_EQ(xmp.rfind("<?xpacket begin=", 0), 0u);
+  EXPECT_EQ(xmp.substr(xmp.size() - 19), "<?xpacket end=\"w\"?>");
+  EXPECT_TRUE(tagsBalanced(xmp)) << xmp;
+  EXPECT_FALSE(tagsBalanced("<a><b></a></b>"));
+  for (const char* ns : {"\"http://ns.google.com/photos/1.0/camera/\"",
+                         "\"http://ns.google.com/photos/1.0/container/\"",
+                         "\"http://ns.google.com/photos/1.0/container/item/\""}) {
+    EXPECT_NE(xmp.find(ns), std::string::npos) << ns;
+  }
+
+  // libjpeg reads the same picture from the whole file, trailing clip and all.
+  int w = 0, h = 0, w0 = 0, h0 = 0;
+  std::vector<uint8_t> grey, grey0;
+  ASSERT_TRUE(decodeGrey(file, w, h, grey));
+  ASSERT_TRUE(decodeGrey(jpeg, w0, h0, grey0));
+  EXPECT_EQ(w, 1280);
+  EXPECT_EQ(h, 720);
+  EXPECT_TRUE(grey == grey0);
+
+  // FFmpeg plays the embedded clip from its offset: every frame, on the original time line.
+  const std::vector<int64_t> embedded = framePts(outPath, static_cast<int64_t>(offset));
+  const std::vector<int64_t> original = framePts(clipPath, 0);
+  EXPECT_EQ(original.size(), 1337u);
+  EXPECT_EQ(embedded, original);
+
+  // A motion photo given as the picture: its XMP is replaced and its old clip dropped.
+  const std::string clipB = kovane_test::testDataPath(kClipB);
+  const std::string againPath = dir / "again.jpg";
+  ASSERT_TRUE(MotionPhoto::write(outPath, clipB, -1, againPath, &error)) << error;
+  const std::vector<uint8_t> again = readAll(againPath);
+  const size_t sizeB = readAll(clipB).size();
+  MotionPhoto::Info infoB;
+  ASSERT_TRUE(MotionPhoto::parse(againPath, &infoB, &error)) << error;
+  EXPECT_EQ(infoB.presentationTimestampUs, -1);
+  EXPECT_EQ(infoB.videoLength, static_cast<int64_t>(sizeB));
+  EXPECT_EQ(infoB.primaryEnd, infoB.videoOffset);
+  const std::string xmpB = MotionPhoto::xmpPacket(again);
+  EXPECT_EQ(again.size(), offset - xmp.size() + xmpB.size() + sizeB);
+  const std::string head(again.begin(), again.begin() + infoB.videoOffset);
+  EXPECT_EQ(head.find("http://ns.adobe.com/xap/1.0/"), head.rfind("http://ns.adobe.com/xap/1.0/"));
+  EXPECT_EQ(framePts(againPath, infoB.videoOffset).size(), 765u);
+}
+
+TEST(MotionPhoto, RejectsBadInputsWithAReasonAndWritesNothing) {
+  TempDir dir;
+  ASSERT_FALSE(dir.path.empty());
+  const std::string jpegPath = dir / "final.jpg", outPath = dir / "motion.jpg";
+  const std::string clipPath = kovane_test::testDataPath(kClipA);
+  const std::vector<uint8_t> jpeg = cockatooJpeg(jpegPath), mp4 = readAll(clipPath);
+  ASSERT_FALSE(mp4.empty());
+  writeAll(dir / "no_eoi.jpg", std::vector<uint8_t>(jpeg.begin(), jpeg.begin() + jpeg.size() / 2));
+  writeAll(dir / "empty.mp4", {});
+  writeAll(dir / "cut.mp4", std::vector<uint8_t>(mp4.begin(), mp4.begin() + 100000));
+  writeAll(outPath, {'o', 'l', 'd'});
+  const std::vector<std::string> inputs = dir.names();
+
+  struct Case {
+    std::string jpeg, mp4;
+    int64_t ptsUs;
+    std::string out, mentions;
+  };
+  const std::vector<Case> cases = {
+      {dir / "absent.jpg", clipPath, 0, outPath, "absent.jpg"},
+      {clipPath, clipPath, 0, outPath, "SOI"},                  // an MP4 is no JPEG
+      {dir / "no_eoi.jpg", clipPath, 0, outPath, "EOI"},
+      {jpegPath, dir / "empty.mp4", 0, outPath, "empty"},
+      {jpegPath, jpegPath, 0, outPath, "ftyp"},                 // a JPEG is no MP4
+      {jpegPath, dir / "cut.mp4", 0, outPath, "truncated"},
+      {jpegPath, clipPath, -2, outPath, "timestamp"},
+      {jpegPath, clipPath, 0, dir / "no/such/dir/motion.jpg", "no/such/dir"},
+  };
+  for (const Case& c : cases) {
+    std::string error;
+    EXPECT_FALSE(MotionPhoto::write(c.jpeg, c.mp4, c.ptsUs, c.out, &error)) << c.mentions;
+    EXPECT_NE(error.find(c.mentions), std::string::npos) << error;
+    EXPECT_EQ(error.find('\n'), std::string::npos) << error;
+  }
+  EXPECT_EQ(readAll(outPath), (std::vector<uint8_t>{'o', 'l', 'd'}));
+  EXPECT_EQ(dir.names(), inputs);
+
+  // Reading back refuses a plain JPEG and files whose end no longer matches the directory.
+  std::string error;
+  MotionPhoto::Info info;
+  EXPECT_FALSE(MotionPhoto::parse(jpegPath, &info, &error));
+  EXPECT_NE(error.find("XMP"), std::string::npos) << error;
+  std::vector<uint8_t> good;
+  ASSERT_TRUE(MotionPhoto::compose(jpeg, mp4, 0, good, &error)) << error;
+  ASSERT_TRUE(MotionPhoto::parse(good, &info, &error)) << error;
+  std::vector<uint8_t> cut(good.begin(), good.end() - 1000), longer = good;
+  longer.insert(longer.end(), 1000, 0);
+  EXPECT_FALSE(MotionPhoto::parse(cut, &info, &error));
+  EXPECT_FALSE(MotionPhoto::parse(longer, &info, &error));
+  EXPECT_NE(error.find("MP4"), std::string::npos) << error;
+}
