@@ -166,6 +166,21 @@ TEST(KoEngineVideo, CapturesWithoutAClipOrWithAFailedOrCancelledOneStillFinishWi
   ASSERT_EQ(run.engine->handleTakePicture(&next), 0);
   run.until({1, 2, 3, 4, 5}, id);
   EXPECT_EQ(run.eventsOf(5), (std::vector<Event::Kind>{Event::kVideoDone, Event::kEngineDone}));
+
+  // The engine destroyed while a clip is being written: no callback afterwards, every buffer
+  // back, the descriptor still the caller's.
+  TempFile e("engine_clip_e.mp4");
+  KO_TakePicture_t last = picture(6, id, true, e.fd);
+  ASSERT_EQ(run.engine->handleTakePicture(&last), 0);
+  for (int n = 0; n < 60 && run.engine->mPreviewEncode->openClips() == 0; ++n) run.frame(++id);
+  ASSERT_EQ(run.engine->mPreviewEncode->openClips(), 1u);
+  run.frame(++id);
+  const size_t before = run.cam.events().size();
+  delete run.engine;
+  run.engine = nullptr;
+  EXPECT_EQ(run.cam.events().size(), before);
+  EXPECT_EQ(run.cam.zslOut(), 0u);
+  EXPECT_NE(fcntl(e.fd, F_GETFD), -1);
   close(full);
   quiet.finish();
 }
