@@ -4,10 +4,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <turbojpeg.h>
 #include <unistd.h>
 
 #include "ClipDecoder.h"
+#include "JpegDecode.h"
 #include "JpegWriter.h"
 #include "TestData.h"
 
@@ -44,20 +44,6 @@ bool decodeAll(const std::string& path, int width, int height, std::vector<ClipF
   return error->empty();
 }
 
-// A JPEG decoded to grey by libturbojpeg; false when it is not a readable JPEG.
-bool decodeGrey(const std::vector<uint8_t>& jpeg, int& width, int& height, std::vector<uint8_t>& grey) {
-  tjhandle handle = tjInitDecompress();
-  int subsamp = 0, colorspace = 0;
-  bool ok = tjDecompressHeader3(handle, jpeg.data(), static_cast<unsigned long>(jpeg.size()), &width, &height,
-                                &subsamp, &colorspace) == 0;
-  if (ok) {
-    grey.resize(static_cast<size_t>(width) * height);
-    ok = tjDecompress2(handle, jpeg.data(), static_cast<unsigned long>(jpeg.size()), grey.data(), width, 0,
-                       height, TJPF_GRAY, 0) == 0;
-  }
-  tjDestroy(handle);
-  return ok;
-}
 
 }  // namespace
 
@@ -150,7 +136,7 @@ TEST(JpegWriter, EncodesAFrameThatDecodesToTheSamePicture) {
   EXPECT_EQ(jpeg[1], 0xD8);
   int w = 0, h = 0;
   std::vector<uint8_t> grey;
-  ASSERT_TRUE(decodeGrey(jpeg, w, h, grey));
+  ASSERT_TRUE(kovane_replay_test::decodeGrey(jpeg, w, h, grey));
   ASSERT_EQ(w, 1280);
   ASSERT_EQ(h, 720);
   double err = 0;
@@ -161,5 +147,5 @@ TEST(JpegWriter, EncodesAFrameThatDecodesToTheSamePicture) {
   kovane_replay::Nv21Image empty;
   EXPECT_FALSE(JpegWriter::encode(empty, 90, jpeg, &error));
   EXPECT_FALSE(JpegWriter::write(f.image, "/nonexistent/dir/x.jpg", 90, &error));
-  EXPECT_FALSE(decodeGrey({1, 2, 3}, w, h, grey));
+  EXPECT_FALSE(kovane_replay_test::decodeGrey({1, 2, 3}, w, h, grey));
 }

@@ -2,7 +2,6 @@
 // would: the JPEG decoder sees the same picture, FFmpeg plays the clip from where the XMP
 // directory places it.
 #include <gtest/gtest.h>
-#include <turbojpeg.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +11,7 @@
 #include <iterator>
 
 #include "ClipProbe.h"
+#include "JpegDecode.h"
 #include "JpegWriter.h"
 #include "MotionPhoto.h"
 #include "TestData.h"
@@ -53,19 +53,6 @@ void writeAll(const std::string& path, const std::vector<uint8_t>& bytes) {
   f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
-bool decodeGrey(const std::vector<uint8_t>& jpeg, int& width, int& height, std::vector<uint8_t>& grey) {
-  tjhandle handle = tjInitDecompress();
-  int subsamp = 0, colorspace = 0;
-  bool ok = tjDecompressHeader3(handle, jpeg.data(), static_cast<unsigned long>(jpeg.size()), &width, &height,
-                                &subsamp, &colorspace) == 0;
-  if (ok) {
-    grey.resize(static_cast<size_t>(width) * height);
-    ok = tjDecompress2(handle, jpeg.data(), static_cast<unsigned long>(jpeg.size()), grey.data(), width, 0,
-                       height, TJPF_GRAY, 0) == 0;
-  }
-  tjDestroy(handle);
-  return ok;
-}
 
 // Presentation times of every frame FFmpeg decodes from `offset` on (empty when it cannot).
 std::vector<int64_t> framePts(const std::string& path, int64_t offset) {
@@ -190,8 +177,8 @@ TEST(MotionPhoto, EmbedsTheClipSoThatPictureAndClipBothStillRead) {
   // libjpeg reads the same picture from the whole file, trailing clip and all.
   int w = 0, h = 0, w0 = 0, h0 = 0;
   std::vector<uint8_t> grey, grey0;
-  ASSERT_TRUE(decodeGrey(file, w, h, grey));
-  ASSERT_TRUE(decodeGrey(jpeg, w0, h0, grey0));
+  ASSERT_TRUE(kovane_replay_test::decodeGrey(file, w, h, grey));
+  ASSERT_TRUE(kovane_replay_test::decodeGrey(jpeg, w0, h0, grey0));
   EXPECT_EQ(w, 1280);
   EXPECT_EQ(h, 720);
   EXPECT_TRUE(grey == grey0);
