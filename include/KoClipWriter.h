@@ -28,6 +28,10 @@
 // nothing more is written, and addFrame()/finish() return the same error until the next
 // open(). A writer can start a new clip after finish() or a failure.
 //
+// Pipes and sockets are written without ever blocking in write(): a reader that stops reading
+// for kStallTimeoutMs fails the clip with -ETIMEDOUT, and a raised abort flag (setAbortFlag)
+// fails it with -ECANCELED within a tenth of a second, so a writer is never stuck on a reader.
+//
 // Broken pipes: the write that finds the reader gone raises no SIGPIPE in the process; it
 // fails the clip with -EPIPE. The signal is blocked for the calling thread around the write
 // and a SIGPIPE raised by it is consumed; no process-wide handler is installed.
@@ -35,6 +39,7 @@
 // Not thread-safe: one thread drives a writer.
 #include <utils/Errors.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -59,6 +64,8 @@ class KoClipWriter {
   static constexpr int64_t kKeyframeIntervalUs = 1000000;
   // Frame rate hint for the encoder's rate control (stamps carry the real timing).
   static constexpr int kFrameRateHint = 30;
+  // Longest wait for a pipe's reader to make room.
+  static constexpr int kStallTimeoutMs = 5000;
 
   KoClipWriter();
   // An unfinished clip is abandoned: encoder and muxer freed, nothing more written.
@@ -78,6 +85,9 @@ class KoClipWriter {
   status_t finish();
   // Bytes of the current (or last) clip that reached the descriptor.
   size_t bytesWritten() const { return mBytesWritten; }
+  // A flag another thread may raise to make the writer give up waiting on its descriptor; it
+  // must outlive the writer. Null (the default): none.
+  void setAbortFlag(const std::atomic<bool>* flag) { mAbort = flag; }
   // Name of the encoder in use (empty before open()).
   const char* encoderName() const { return mEncoderName; }
 
@@ -101,6 +111,8 @@ class KoClipWriter {
   State mState = State::IDLE;
   status_t mError = OK;
   int mFd = -1;
+  bool mFdIsStream = false;                 // a pipe or socket: written without blocking
+  const std::atomic<bool>* mAbort = nullptr;
   int mWidth = 0;
   int mHeight = 0;
   const char* mEncoderName = "";

@@ -53,6 +53,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -212,7 +213,7 @@ class KoPreviewEncode {
 
   std::list<Clip> mClips;    // opening order; removed by the encoding thread only
   int mClipBitrate = 0;
-  bool mStopping = false;
+  std::atomic<bool> mStopping{false};  // also raised to the writers: stop waiting on a reader
   std::condition_variable mWork;
   std::thread mThread;
 };

@@ -15,6 +15,9 @@
 #include <cstring>
 #include <mutex>
 
+#include <climits>
+#include <sys/stat.h>
+
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
@@ -40,20 +43,39 @@ using IoBuffer = const uint8_t*;
 using IoBuffer = uint8_t*;
 #endif
 
-// Writes `size` bytes, going on after partial writes and interruptions and waiting on a
-// non-blocking descriptor that is full. Returns 0 or an errno; `done` counts the bytes that
-// were written either way.
-int writeAll(int fd, const uint8_t* buf, size_t size, size_t& done) {
+// Writes `size` bytes, going on after partial writes and interruptions. On a pipe or socket
+// (`stream`) it waits for room with poll() and writes at most PIPE_BUF bytes at a time, so that
+// no write blocks: a reader that stops reading fails the write with ETIMEDOUT after
+// KoClipWriter::kStallTimeoutMs, and a raised `abort` flag fails it with ECANCELED within
+// kPollMs. Returns 0 or an errno; `done` counts the bytes that were written either way.
+int writeAll(int fd, bool stream, const std::atomic<bool>* abort, const uint8_t* buf, size_t size, size_t& done) {
+  constexpr int kPollMs = 100;
   done = 0;
+  int stalledMs = 0;
   while (done < size) {
-    const ssize_t n = ::write(fd, buf + done, size - done);
+    if (abort != nullptr && abort->load()) return ECANCELED;
+    if (stream) {
+      pollfd p = {fd, POLLOUT, 0};
+      const int r = ::poll(&p, 1, kPollMs);
+      if (r < 0 && errno != EINTR) return errno;
+      if (r == 0) {
+        stalledMs += kPollMs;
+        if (stalledMs >= KoClipWriter::kStallTimeoutMs) return ETIMEDOUT;
+        continue;
+      }
+      if (r < 0) continue;
+      if (p.revents & POLLNVAL) return EBADF;
+      stalledMs = 0;
+    }
+    const size_t chunk = stream ? std::min<size_t>(size - done, PIPE_BUF) : size - done;
+    const ssize_t n = ::write(fd, buf + done, chunk);
     if (n > 0) {
       done += static_cast<size_t>(n);
     } else if (n == 0) {
       return EIO;
     } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
       pollfd p = {fd, POLLOUT, 0};
-      if (::poll(&p, 1, -1) < 0 && errno != EINTR) return errno;
+      if (::poll(&p, 1, kPollMs) < 0 && errno != EINTR) return errno;
     } else if (errno != EINTR) {
       return errno;
     }
@@ -65,7 +87,8 @@ int writeAll(int fd, const uint8_t* buf, size_t size, size_t& done) {
 // write with EPIPE, not kill the process. The SIGPIPE such a write raises stays pending on
 // this thread and is consumed before the old mask comes back, unless one was pending before
 // (that one is not ours).
-int writeAllNoSigpipe(int fd, const uint8_t* buf, size_t size, size_t& done) {
+int writeAllNoSigpipe(int fd, bool stream, const std::atomic<bool>* abort, const uint8_t* buf, size_t size,
+                      size_t& done) {
   sigset_t pipeSet;
   sigset_t oldSet;
   sigset_t pending;
@@ -74,7 +97,7 @@ int writeAllNoSigpipe(int fd, const uint8_t* buf, size_t size, size_t& done) {
   pthread_sigmask(SIG_BLOCK, &pipeSet, &oldSet);
   sigemptyset(&pending);
   const bool pendingBefore = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
-  const int err = writeAll(fd, buf, size, done);
+  const int err = writeAll(fd, stream, abort, buf, size, done);
   if (err == EPIPE && !pendingBefore) {
     const timespec zero = {0, 0};
     while (sigtimedwait(&pipeSet, nullptr, &zero) < 0 && errno == EINTR) {
@@ -122,6 +145,8 @@ status_t KoClipWriter::open(int fd, int width, int height, int bitrate) {
   }
   release();
   mFd = fd;
+  struct stat st;
+  mFdIsStream = ::fstat(fd, &st) == 0 && (S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode));
   mWidth = width;
   mHeight = height;
   mError = OK;
@@ -320,7 +345,7 @@ status_t KoClipWriter::finish() {
 int KoClipWriter::writeOut(const uint8_t* buf, int size) {
   if (mWriteErrno != 0) return AVERROR(mWriteErrno);
   size_t done = 0;
-  const int err = writeAllNoSigpipe(mFd, buf, static_cast<size_t>(size), done);
+  const int err = writeAllNoSigpipe(mFd, mFdIsStream, mAbort, buf, static_cast<size_t>(size), done);
   mBytesWritten += done;
   if (err != 0) {
     __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: write to fd %d failed: %s", __func__, mFd,

@@ -302,6 +302,7 @@ void KoPreviewEncode::encodeLoop() {
       // in the list until this thread removes it.
       if (!clip->writer) {
         clip->writer.reset(new KoClipWriter());
+        clip->writer->setAbortFlag(&mStopping);
         const int bitrate = clip->bitrate != 0 ? clip->bitrate : KoClipWriter::kDefaultBitrate;
         const status_t err = clip->writer->open(clip->fd, frame.width, frame.height, bitrate);
         if (err != OK) {
