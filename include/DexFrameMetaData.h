@@ -110,6 +110,73 @@ class DexFrameMetaData {
   // 9:4 area average of each channel of V,U pairs: planeA receives U, planeB V.
   static int downscaleChroma9to4(uint8_t* planeA, uint8_t* planeB, const uint8_t* src,
                                  int dstWidth, int dstHeight, int srcStride);
+
+  // =============================================================================================
+  // Bilinear upscalers and planar-to-semi-planar chroma interleaving.
+  //
+  // Geometry of every scaler: pixel centres are aligned, so target pixel (x, y) samples the
+  // source at x' = (x + 0.5) * srcWidth / dstWidth - 0.5 and y' likewise, each clamped to the
+  // picture (edge pixels repeat), and takes the bilinear interpolation of the four neighbours.
+  // Every kernel is within +/-2 grey levels per pixel (mean absolute error <= 0.5) of that
+  // interpolation computed exactly:
+  //   - The 3x and 2.25x kernels use the exact periodic weights of their ratio (thirds,
+  //     eighteenths) in integers: no per-pixel division, whole-row loops the compiler turns into
+  //     SIMD code. The 3x kernel rounds the exact interpolation to nearest; the 2.25x kernel is
+  //     within 0.02 of it before rounding. Both agree with the generic kernel within +/-1.
+  //   - The generic kernel takes any sizes (also downscaling, where bilinear sampling aliases);
+  //     its weights are quantised to 1/256, which keeps it within about 1 of the exact value
+  //     before rounding (1.5 after).
+  // Luma kernels write dstWidth bytes per target row; chroma kernels read two planes (U, V)
+  // with a common stride and write dstWidth interleaved V,U pairs (NV21 order, 2 * dstWidth
+  // bytes) per target row. Chroma sizes count chroma samples. Bytes between the end of a
+  // target row and the next row (stride padding) are never written, nor is anything on error.
+  //
+  // Results of all kernels of this section:
+  enum SCALE_RESULT_T {
+    SCALE_OK = 0,
+    SCALE_ERR_NULL = -1,        // an image pointer is null
+    SCALE_ERR_SIZE = -2,        // a size <= 0, or one the kernel cannot take (3x: target sizes
+                                // not multiples of 3; 2.25x: target width not a multiple of 9
+                                // or source height not a multiple of 4)
+    SCALE_ERR_STRIDE = -3,      // a row stride smaller than the row it holds
+    SCALE_ERR_RATIO = -4,       // 2.25x: target height is not 2.25 x source height (a target
+                                // smaller than the source included)
+    SCALE_ERR_NO_MEMORY = -12,  // scratch rows could not be allocated
+  };
+
+  // Luma 3x: source (dstWidth / 3) x (dstHeight / 3) with row stride srcStride, target
+  // dstWidth x dstHeight with row stride dstStride.
+  static int lumaBiUpScaler3x(const uint8_t* src, uint8_t* dst, int srcStride, int dstWidth,
+                              int dstHeight, int dstStride);
+  // Luma 2.25x: source (dstWidth * 4 / 9) x srcHeight, target dstWidth x dstHeight with
+  // dstHeight == srcHeight * 9 / 4.
+  static int lumaBiUpScaler225x(const uint8_t* src, uint8_t* dst, int srcHeight, int srcStride,
+                                int dstWidth, int dstHeight, int dstStride);
+  // Luma, any sizes.
+  static int lumaBiScalerGeneric(const uint8_t* src, uint8_t* dst, int srcWidth, int srcHeight,
+                                 int srcStride, int dstWidth, int dstHeight, int dstStride);
+
+  // Chroma 3x: planes of (dstWidth / 3) x (dstHeight / 3) into dstWidth x dstHeight pairs.
+  static int chromaBiUpScaler3x(const uint8_t* srcU, const uint8_t* srcV, uint8_t* dstVU,
+                                int dstWidth, int dstHeight, int srcStride, int dstStride);
+  // Chroma 2.25x: planes of (dstWidth * 4 / 9) x srcHeight, dstHeight == srcHeight * 9 / 4.
+  static int chromaBiUpScaler225x(const uint8_t* srcU, const uint8_t* srcV, uint8_t* dstVU,
+                                  int srcHeight, int dstWidth, int dstHeight, int srcStride,
+                                  int dstStride);
+  // Chroma, any sizes.
+  static int chromaBiScalerGeneric(const uint8_t* srcU, const uint8_t* srcV, uint8_t* dstVU,
+                                   int srcWidth, int srcHeight, int dstWidth, int dstHeight,
+                                   int srcStride, int dstStride);
+
+  // Interleaves width x height samples of the U and V planes (common stride srcStride) into
+  // V,U pairs (NV21 order; dstStride >= 2 * width). The 16 variant moves 16 pairs per step with
+  // SIMD stores (SSE2 or NEON where built for them) and finishes any width. Both give the same
+  // bytes. SCALE_ERR_NULL, SCALE_ERR_SIZE or SCALE_ERR_STRIDE on bad input.
+  static int chromaPlanerToSemi(const uint8_t* srcU, const uint8_t* srcV, uint8_t* dstVU,
+                                int width, int height, int srcStride, int dstStride);
+  static int chromaPlanerToSemi16Neon(const uint8_t* srcU, const uint8_t* srcV, uint8_t* dstVU,
+                                      int width, int height, int srcStride, int dstStride);
+  // =============================================================================================
 };
 
 }  // namespace android

@@ -8,8 +8,17 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
 #include <cstdlib>
+#include <memory>
+#include <new>
 #include <vector>
+
+#if defined(__ARM_NEON)
+#include <arm_neon.h>
+#elif defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 #include "KoFrameHistSnapshot.h"
 
@@ -542,5 +551,585 @@ __attribute__((no_sanitize("vptr"))) int DexFrameMetaData::KoCalcMeanStddevMinMe
   a.fill(stats);
   return a.n > 0 ? 0 : -1;
 }
+
+// =============================================================================================
+// Bilinear upscalers and planar-to-semi-planar chroma interleaving.
+//
+// Every scaler works in two passes. A source row that the target needs is filtered horizontally
+// once, into a 16-bit row of the target width that keeps the fraction bits, and a two-slot cache
+// holds the two filtered source rows the current target row blends: consecutive target rows
+// sharing a source row reuse its filtered copy. Each target row is then the vertical blend of
+// its two filtered rows with that row's weights. The horizontal pass is per-pixel work on the
+// (fewer) source rows; the vertical blend produces every target pixel and runs over blocks of a
+// fixed 16 pixels, which the compiler turns into SIMD code (its high-half products map onto
+// pmulhuw on x86 and widening multiplies on NEON).
+
+namespace {
+
+// Target pixels per step of the vectorised row loops.
+constexpr int kScaleBlock = 16;
+
+int scalePointerError(const char* func, const void* a, const void* b, const void* c) {
+  if (a != nullptr && b != nullptr && c != nullptr) return DexFrameMetaData::SCALE_OK;
+  __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: null image pointer", func);
+  return DexFrameMetaData::SCALE_ERR_NULL;
+}
+
+int scaleSizeError(const char* func, int srcWidth, int srcHeight, int dstWidth, int dstHeight) {
+  __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: unusable sizes %dx%d -> %dx%d", func, srcWidth,
+                      srcHeight, dstWidth, dstHeight);
+  return DexFrameMetaData::SCALE_ERR_SIZE;
+}
+
+// Sizes must be positive, the source stride must hold a source row and the target stride
+// `bytesPerSample` bytes per target sample.
+int scaleGeometryError(const char* func, int srcWidth, int srcHeight, int srcStride, int dstWidth,
+                       int dstHeight, int dstStride, int bytesPerSample) {
+  if (srcWidth <= 0 || srcHeight <= 0 || dstWidth <= 0 || dstHeight <= 0) {
+    return scaleSizeError(func, srcWidth, srcHeight, dstWidth, dstHeight);
+  }
+  if (srcStride < srcWidth ||
+      static_cast<int64_t>(dstStride) < static_cast<int64_t>(dstWidth) * bytesPerSample) {
+    __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: strides %d / %d too small for widths %d / %d",
+                        func, srcStride, dstStride, srcWidth, dstWidth);
+    return DexFrameMetaData::SCALE_ERR_STRIDE;
+  }
+  return DexFrameMetaData::SCALE_OK;
+}
+
+// Where a target row reads: source rows r0 and r1 and their blend weights (their meaning is
+// the blend rule's).
+struct VerticalTap {
+  int r0;
+  int r1;
+  uint16_t c0;
+  uint16_t c1;
+};
+
+// Horizontally filtered copies of up to two source rows, one buffer per channel.
+struct FilteredRows {
+  uint16_t* row[2][2];  // [slot][channel]
+  int source[2];        // source row held by each slot, -1 when none
+};
+
+// The slot holding filtered source row r. When r is not cached it is filtered into the slot
+// that does not hold `keep`, the other row the current target row needs.
+template <typename Filter>
+int filteredRow(FilteredRows& rows, int r, int keep, const Filter& filter) {
+  if (rows.source[0] == r) return 0;
+  if (rows.source[1] == r) return 1;
+  const int slot = rows.source[0] == keep ? 1 : 0;
+  filter(r, rows.row[slot]);
+  rows.source[slot] = r;
+  return slot;
+}
+
+// Blend rule of the 3x kernels: filtered values in thirds of a grey level (<= 765), row weights
+// w0 + w1 == 3, so the sum is in ninths; exact rounding (the constant division compiles to a
+// 16-bit high-half multiply).
+struct ThirdsBlend {
+  static inline uint8_t apply(uint16_t a, uint16_t b, uint16_t w0, uint16_t w1) {
+    return static_cast<uint8_t>(static_cast<uint16_t>(w0 * a + w1 * b + 4) / 9);
+  }
+};
+
+// Blend rule with 16-bit multipliers: a * c0 / 65536 + b * c1 / 65536 is the target value with
+// `Shift` fraction bits. Each truncated high-half product is low by less than one unit, their
+// sum by one on average: the +1 centres it before rounding.
+template <int Shift>
+struct MulHiBlend {
+  static inline uint8_t apply(uint16_t a, uint16_t b, uint16_t c0, uint16_t c1) {
+    const uint16_t p = static_cast<uint16_t>((static_cast<uint32_t>(a) * c0) >> 16);
+    const uint16_t q = static_cast<uint16_t>((static_cast<uint32_t>(b) * c1) >> 16);
+    return static_cast<uint8_t>(static_cast<uint16_t>(p + q + (1 << (Shift - 1)) + 1) >> Shift);
+  }
+};
+
+template <typename Blend>
+void blendLumaRow(const uint16_t* __restrict a, const uint16_t* __restrict b, uint16_t c0,
+                  uint16_t c1, uint8_t* __restrict d, int n) {
+  int x = 0;
+  for (; x + kScaleBlock <= n; x += kScaleBlock) {
+    for (int i = 0; i < kScaleBlock; ++i) d[x + i] = Blend::apply(a[x + i], b[x + i], c0, c1);
+  }
+  for (; x < n; ++x) d[x] = Blend::apply(a[x], b[x], c0, c1);
+}
+
+// Writes V,U pairs: channel 0 holds V, channel 1 U.
+template <typename Blend>
+void blendChromaRow(const uint16_t* __restrict aV, const uint16_t* __restrict bV,
+                    const uint16_t* __restrict aU, const uint16_t* __restrict bU, uint16_t c0,
+                    uint16_t c1, uint8_t* __restrict d, int n) {
+  int x = 0;
+  for (; x + kScaleBlock <= n; x += kScaleBlock) {
+    for (int i = 0; i < kScaleBlock; ++i) {
+      d[2 * (x + i)] = Blend::apply(aV[x + i], bV[x + i], c0, c1);
+      d[2 * (x + i) + 1] = Blend::apply(aU[x + i], bU[x + i], c0, c1);
+    }
+  }
+  for (; x < n; ++x) {
+    d[2 * x] = Blend::apply(aV[x], bV[x], c0, c1);
+    d[2 * x + 1] = Blend::apply(aU[x], bU[x], c0, c1);
+  }
+}
+
+// Runs the two passes over a target of dstWidth x dstHeight samples with `Channels` channels
+// (1: luma; 2: V and U written as pairs). filter(r, rows) fills rows[channel] with source row r
+// filtered horizontally; rowTap(y) tells which source rows target row y blends, and how.
+template <int Channels, typename Blend, typename Filter, typename RowTap>
+int runTwoPass(const char* func, uint8_t* dst, int dstStride, int dstWidth, int dstHeight,
+               const Filter& filter, const RowTap& rowTap) {
+  const size_t rowLen = static_cast<size_t>(dstWidth);
+  std::unique_ptr<uint16_t[]> mem(new (std::nothrow) uint16_t[2 * Channels * rowLen]);
+  if (mem == nullptr) {
+    __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: no memory for %d-sample rows", func,
+                        dstWidth);
+    return DexFrameMetaData::SCALE_ERR_NO_MEMORY;
+  }
+  FilteredRows rows = {};
+  for (int slot = 0; slot < 2; ++slot) {
+    for (int ch = 0; ch < Channels; ++ch) {
+      rows.row[slot][ch] = mem.get() + (slot * Channels + ch) * rowLen;
+    }
+    rows.source[slot] = -1;
+  }
+  for (int y = 0; y < dstHeight; ++y) {
+    const VerticalTap t = rowTap(y);
+    const int s0 = filteredRow(rows, t.r0, t.r1, filter);
+    const int s1 = filteredRow(rows, t.r1, t.r0, filter);
+    uint8_t* d = dst + static_cast<ptrdiff_t>(y) * dstStride;
+    if (Channels == 1) {
+      blendLumaRow<Blend>(rows.row[s0][0], rows.row[s1][0], t.c0, t.c1, d, dstWidth);
+    } else {
+      blendChromaRow<Blend>(rows.row[s0][0], rows.row[s1][0], rows.row[s0][1], rows.row[s1][1],
+                            t.c0, t.c1, d, dstWidth);
+    }
+  }
+  return DexFrameMetaData::SCALE_OK;
+}
+
+int scaleNoMemory(const char* func) {
+  __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: no memory for the scaling tables", func);
+  return DexFrameMetaData::SCALE_ERR_NO_MEMORY;
+}
+
+// Horizontal pass through per-target-sample taps: filtered sample x is
+// w0[x] * s[first[x]] + w1[x] * s[first[x] + 1] (the second clamped to the row's end), in the
+// kernel's fixed-point unit. Each source sample and its right neighbour are packed into one
+// 16-bit word first, so the per-pixel gather is a single load; the weighting then runs
+// vectorised over the target row.
+struct RowTaps {
+  std::unique_ptr<int32_t[]> first;
+  std::unique_ptr<uint16_t[]> w0;
+  std::unique_ptr<uint16_t[]> w1;
+  std::unique_ptr<uint16_t[]> pairs;  // scratch: the source row as (sample, right neighbour)
+  int srcWidth = 0;
+  int dstWidth = 0;
+
+  // False when memory ran out.
+  bool allocate(int srcW, int dstW) {
+    srcWidth = srcW;
+    dstWidth = dstW;
+    first.reset(new (std::nothrow) int32_t[dstW]);
+    w0.reset(new (std::nothrow) uint16_t[dstW]);
+    w1.reset(new (std::nothrow) uint16_t[dstW]);
+    pairs.reset(new (std::nothrow) uint16_t[srcW]);
+    return first && w0 && w1 && pairs;
+  }
+
+  void set(int x, int firstSample, int weight0, int weight1) {
+    first[x] = std::min(firstSample, srcWidth - 1);
+    w0[x] = static_cast<uint16_t>(weight0);
+    w1[x] = static_cast<uint16_t>(weight1);
+  }
+
+  void filter(const uint8_t* __restrict s, uint16_t* __restrict h) const {
+    uint16_t* __restrict pr = pairs.get();
+    const int last = srcWidth - 1;
+    int k = 0;
+    for (; k + kScaleBlock <= last; k += kScaleBlock) {
+      for (int i = 0; i < kScaleBlock; ++i) {
+        pr[k + i] = static_cast<uint16_t>(s[k + i] | (s[k + i + 1] << 8));
+      }
+    }
+    for (; k < last; ++k) pr[k] = static_cast<uint16_t>(s[k] | (s[k + 1] << 8));
+    pr[last] = static_cast<uint16_t>(s[last] * 257);
+    const int32_t* __restrict fi = first.get();
+    int x = 0;
+    for (; x + 4 <= dstWidth; x += 4) {
+      const uint16_t p0 = pr[fi[x]], p1 = pr[fi[x + 1]], p2 = pr[fi[x + 2]], p3 = pr[fi[x + 3]];
+      h[x] = p0;
+      h[x + 1] = p1;
+      h[x + 2] = p2;
+      h[x + 3] = p3;
+    }
+    for (; x < dstWidth; ++x) h[x] = pr[fi[x]];
+    const uint16_t* __restrict a = w0.get();
+    const uint16_t* __restrict b = w1.get();
+    x = 0;
+    for (; x + kScaleBlock <= dstWidth; x += kScaleBlock) {
+      for (int i = 0; i < kScaleBlock; ++i) {
+        const uint16_t p = h[x + i];
+        h[x + i] = static_cast<uint16_t>((p & 0xff) * a[x + i] + (p >> 8) * b[x + i]);
+      }
+    }
+    for (; x < dstWidth; ++x) {
+      const uint16_t p = h[x];
+      h[x] = static_cast<uint16_t>((p & 0xff) * a[x] + (p >> 8) * b[x]);
+    }
+  }
+};
+
+// ---- 3x. Target sample 3k sits at source k - 1/3, 3k + 1 at k and 3k + 2 at k + 1/3 (edges
+// clamped). Filtered values are in thirds of a grey level (<= 765).
+bool taps3x(RowTaps& taps, int srcWidth, int dstWidth) {
+  if (!taps.allocate(srcWidth, dstWidth)) return false;
+  for (int x = 0; x < dstWidth; ++x) {
+    const int k = x / 3;
+    switch (x - 3 * k) {
+      case 0:
+        if (k == 0) {
+          taps.set(x, 0, 3, 0);
+        } else {
+          taps.set(x, k - 1, 1, 2);
+        }
+        break;
+      case 1:
+        taps.set(x, k, 3, 0);
+        break;
+      default:
+        taps.set(x, k, 2, 1);
+        break;
+    }
+  }
+  return true;
+}
+
+// Target row y of a 3x kernel over a source of `rows` rows: ThirdsBlend weights.
+VerticalTap tap3x(int y, int rows) {
+  const int k = y / 3;
+  switch (y - 3 * k) {
+    case 0:
+      return {std::max(k - 1, 0), k, 1, 2};
+    case 1:
+      return {k, k, 3, 0};
+    default:
+      return {k, std::min(k + 1, rows - 1), 2, 1};
+  }
+}
+
+// ---- 2.25x. Target sample 9g + j sits at source 4g + (8j - 5) / 18: on the pair starting at
+// 4g + kFirst225[j] with kFrac225[j] / 18 on the second sample (edges clamped).
+constexpr int kFirst225[9] = {-1, 0, 0, 1, 1, 1, 2, 2, 3};
+constexpr int kFrac225[9] = {13, 3, 11, 1, 9, 17, 7, 15, 5};
+
+// Filtered values are in 1/144 of a grey level (8 x eighteenths, <= 36720).
+bool taps225(RowTaps& taps, int srcWidth, int dstWidth) {
+  if (!taps.allocate(srcWidth, dstWidth)) return false;
+  for (int x = 0; x < dstWidth; ++x) {
+    const int g = x / 9;
+    const int j = x - 9 * g;
+    const int firstSample = 4 * g + kFirst225[j];
+    if (firstSample < 0) {
+      taps.set(x, 0, 144, 0);
+    } else {
+      taps.set(x, firstSample, 8 * (18 - kFrac225[j]), 8 * kFrac225[j]);
+    }
+  }
+  return true;
+}
+
+// A row weight of w / 18 becomes the multiplier w / 18 * 2^16 * 2^7 / 144 for values in
+// 1/144, so that the two high-half products sum to the target value with 7 fraction bits
+// (MulHiBlend<7>). With the multipliers rounded and the products truncated the sum stays within
+// 0.02 grey levels of the exact interpolation.
+constexpr uint16_t mul225(int w) { return static_cast<uint16_t>((w * 8388608 + 1296) / 2592); }
+
+VerticalTap tap225(int y, int rows) {
+  const int g = y / 9;
+  const int j = y - 9 * g;
+  const int firstRow = 4 * g + kFirst225[j];
+  return {std::clamp(firstRow, 0, rows - 1), std::clamp(firstRow + 1, 0, rows - 1),
+          mul225(18 - kFrac225[j]), mul225(kFrac225[j])};
+}
+
+// ---- Any ratio. Sample i of dstN target samples over srcN source samples sits at
+// ((2i + 1) * srcN - dstN) / (2 * dstN), computed exactly in integers and clamped to the source:
+// on the pair starting at `first` with frac / 256 (0..255) on the second sample.
+struct GenericTap {
+  int first;
+  uint16_t frac;
+};
+
+GenericTap genericTap(int i, int srcN, int dstN) {
+  const int64_t den = 2 * static_cast<int64_t>(dstN);
+  const int64_t num = (2 * static_cast<int64_t>(i) + 1) * srcN - dstN;
+  int64_t first = 0;
+  int64_t frac = 0;
+  if (num > 0) {
+    first = num / den;
+    frac = ((num % den) * 256 + den / 2) / den;
+    if (frac == 256) {
+      ++first;
+      frac = 0;
+    }
+  }
+  if (first >= srcN - 1) {
+    first = srcN - 1;
+    frac = 0;
+  }
+  return {static_cast<int>(first), static_cast<uint16_t>(frac)};
+}
+
+// Filtered values are in 1/256 of a grey level (<= 65280).
+bool tapsGeneric(RowTaps& taps, int srcWidth, int dstWidth) {
+  if (!taps.allocate(srcWidth, dstWidth)) return false;
+  for (int x = 0; x < dstWidth; ++x) {
+    const GenericTap t = genericTap(x, srcWidth, dstWidth);
+    taps.set(x, t.first, 256 - t.frac, t.frac);
+  }
+  return true;
+}
+
+std::unique_ptr<GenericTap[]> genericRowTaps(int srcHeight, int dstHeight) {
+  std::unique_ptr<GenericTap[]> rows(new (std::nothrow) GenericTap[dstHeight]);
+  if (rows != nullptr) {
+    for (int y = 0; y < dstHeight; ++y) rows[y] = genericTap(y, srcHeight, dstHeight);
+  }
+  return rows;
+}
+
+// Row weights as MulHiBlend<8> multipliers over values in 1/256: (256 - f) * 256 and f * 256;
+// a row taken whole (f == 0) multiplies by 65535, which with the rule's +1 is exact.
+VerticalTap genericVerticalTap(const GenericTap& t, int rows) {
+  const uint16_t f = t.frac;
+  return {t.first, std::min(t.first + 1, rows - 1),
+          static_cast<uint16_t>(f == 0 ? 65535 : (256 - f) << 8), static_cast<uint16_t>(f << 8)};
+}
+
+inline const uint8_t* rowOf(const uint8_t* plane, int r, int stride) {
+  return plane + static_cast<ptrdiff_t>(r) * stride;
+}
+
+// 16 V,U pairs from 16 samples of each plane.
+inline void interleave16(const uint8_t* v, const uint8_t* u, uint8_t* d) {
+#if defined(__ARM_NEON)
+  uint8x16x2_t vu;
+  vu.val[0] = vld1q_u8(v);
+  vu.val[1] = vld1q_u8(u);
+  vst2q_u8(d, vu);
+#elif defined(__SSE2__)
+  const __m128i vv = _mm_loadu_si128(reinterpret_cast<const __m128i*>(v));
+  const __m128i uu = _mm_loadu_si128(reinterpret_cast<const __m128i*>(u));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(d), _mm_unpacklo_epi8(vv, uu));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(d + 16), _mm_unpackhi_epi8(vv, uu));
+#else
+  for (int i = 0; i < 16; ++i) {
+    d[2 * i] = v[i];
+    d[2 * i + 1] = u[i];
+  }
+#endif
+}
+
+// n V,U pairs from n samples of each plane, in plain C (blocks the compiler vectorises).
+void interleaveRow(const uint8_t* __restrict v, const uint8_t* __restrict u, uint8_t* __restrict d,
+                   int n) {
+  int x = 0;
+  for (; x + kScaleBlock <= n; x += kScaleBlock) {
+    for (int i = 0; i < kScaleBlock; ++i) {
+      d[2 * (x + i)] = v[x + i];
+      d[2 * (x + i) + 1] = u[x + i];
+    }
+  }
+  for (; x < n; ++x) {
+    d[2 * x] = v[x];
+    d[2 * x + 1] = u[x];
+  }
+}
+
+int interleaveArgsError(const char* func, const uint8_t* srcU, const uint8_t* srcV,
+                        const uint8_t* dstVU, int width, int height, int srcStride, int dstStride) {
+  if (int r = scalePointerError(func, srcU, srcV, dstVU)) return r;
+  return scaleGeometryError(func, width, height, srcStride, width, height, dstStride, 2);
+}
+
+// Sizes of a 2.25x kernel: the target width a multiple of 9, the source height of 4, and the
+// target height 2.25 times the source height.
+int ratio225Error(const char* func, int srcHeight, int dstWidth, int dstHeight) {
+  if (srcHeight <= 0 || dstWidth <= 0 || dstHeight <= 0 || dstWidth % 9 != 0 ||
+      srcHeight % 4 != 0) {
+    return scaleSizeError(func, dstWidth / 9 * 4, srcHeight, dstWidth, dstHeight);
+  }
+  if (static_cast<int64_t>(dstHeight) * 4 != static_cast<int64_t>(srcHeight) * 9) {
+    __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: %d rows are not 2.25 x %d", func, dstHeight,
+                        srcHeight);
+    return DexFrameMetaData::SCALE_ERR_RATIO;
+  }
+  return DexFrameMetaData::SCALE_OK;
+}
+
+}  // namespace
+
+int DexFrameMetaData::lumaBiUpScaler3x(const uint8_t* src, uint8_t* dst, int srcStride,
+                                       int dstWidth, int dstHeight, int dstStride) {
+  if (int r = scalePointerError(__func__, src, src, dst)) return r;
+  if (dstWidth <= 0 || dstHeight <= 0 || dstWidth % 3 != 0 || dstHeight % 3 != 0) {
+    return scaleSizeError(__func__, dstWidth / 3, dstHeight / 3, dstWidth, dstHeight);
+  }
+  const int srcWidth = dstWidth / 3, srcHeight = dstHeight / 3;
+  if (int r = scaleGeometryError(__func__, srcWidth, srcHeight, srcStride, dstWidth, dstHeight,
+                                 dstStride, 1)) {
+    return r;
+  }
+  RowTaps taps;
+  if (!taps3x(taps, srcWidth, dstWidth)) return scaleNoMemory(__func__);
+  return runTwoPass<1, ThirdsBlend>(
+      __func__, dst, dstStride, dstWidth, dstHeight,
+      [&](int r, uint16_t* const* h) { taps.filter(rowOf(src, r, srcStride), h[0]); },
+      [&](int y) { return tap3x(y, srcHeight); });
+}
+
+int DexFrameMetaData::lumaBiUpScaler225x(const uint8_t* src, uint8_t* dst, int srcHeight,
+                                         int srcStride, int dstWidth, int dstHeight,
+                                         int dstStride) {
+  if (int r = scalePointerError(__func__, src, src, dst)) return r;
+  if (int r = ratio225Error(__func__, srcHeight, dstWidth, dstHeight)) return r;
+  const int srcWidth = dstWidth / 9 * 4;
+  if (int r = scaleGeometryError(__func__, srcWidth, srcHeight, srcStride, dstWidth, dstHeight,
+                                 dstStride, 1)) {
+    return r;
+  }
+  RowTaps taps;
+  if (!taps225(taps, srcWidth, dstWidth)) return scaleNoMemory(__func__);
+  return runTwoPass<1, MulHiBlend<7>>(
+      __func__, dst, dstStride, dstWidth, dstHeight,
+      [&](int r, uint16_t* const* h) { taps.filter(rowOf(src, r, srcStride), h[0]); },
+      [&](int y) { return tap225(y, srcHeight); });
+}
+
+int DexFrameMetaData::lumaBiScalerGeneric(const uint8_t* src, uint8_t* dst, int srcWidth,
+                                          int srcHeight, int srcStride, int dstWidth, int dstHeight,
+                                          int dstStride) {
+  if (int r = scalePointerError(__func__, src, src, dst)) return r;
+  if (int r = scaleGeometryError(__func__, srcWidth, srcHeight, srcStride, dstWidth, dstHeight,
+                                 dstStride, 1)) {
+    return r;
+  }
+  RowTaps taps;
+  const std::unique_ptr<GenericTap[]> rows = genericRowTaps(srcHeight, dstHeight);
+  if (rows == nullptr || !tapsGeneric(taps, srcWidth, dstWidth)) return scaleNoMemory(__func__);
+  return runTwoPass<1, MulHiBlend<8>>(
+      __func__, dst, dstStride, dstWidth, dstHeight,
+      [&](int r, uint16_t* const* h) { taps.filter(rowOf(src, r, srcStride), h[0]); },
+      [&](int y) { return genericVerticalTap(rows[y], srcHeight); });
+}
+
+int DexFrameMetaData::chromaBiUpScaler3x(const uint8_t* srcU, const uint8_t* srcV, uint8_t* dstVU,
+                                         int dstWidth, int dstHeight, int srcStride,
+                                         int dstStride) {
+  if (int r = scalePointerError(__func__, srcU, srcV, dstVU)) return r;
+  if (dstWidth <= 0 || dstHeight <= 0 || dstWidth % 3 != 0 || dstHeight % 3 != 0) {
+    return scaleSizeError(__func__, dstWidth / 3, dstHeight / 3, dstWidth, dstHeight);
+  }
+  const int srcWidth = dstWidth / 3, srcHeight = dstHeight / 3;
+  if (int r = scaleGeometryError(__func__, srcWidth, srcHeight, srcStride, dstWidth, dstHeight,
+                                 dstStride, 2)) {
+    return r;
+  }
+  RowTaps taps;
+  if (!taps3x(taps, srcWidth, dstWidth)) return scaleNoMemory(__func__);
+  return runTwoPass<2, ThirdsBlend>(
+      __func__, dstVU, dstStride, dstWidth, dstHeight,
+      [&](int r, uint16_t* const* h) {
+        taps.filter(rowOf(srcV, r, srcStride), h[0]);
+        taps.filter(rowOf(srcU, r, srcStride), h[1]);
+      },
+      [&](int y) { return tap3x(y, srcHeight); });
+}
+
+int DexFrameMetaData::chromaBiUpScaler225x(const uint8_t* srcU, const uint8_t* srcV, uint8_t* dstVU,
+                                           int srcHeight, int dstWidth, int dstHeight,
+                                           int srcStride, int dstStride) {
+  if (int r = scalePointerError(__func__, srcU, srcV, dstVU)) return r;
+  if (int r = ratio225Error(__func__, srcHeight, dstWidth, dstHeight)) return r;
+  const int srcWidth = dstWidth / 9 * 4;
+  if (int r = scaleGeometryError(__func__, srcWidth, srcHeight, srcStride, dstWidth, dstHeight,
+                                 dstStride, 2)) {
+    return r;
+  }
+  RowTaps taps;
+  if (!taps225(taps, srcWidth, dstWidth)) return scaleNoMemory(__func__);
+  return runTwoPass<2, MulHiBlend<7>>(
+      __func__, dstVU, dstStride, dstWidth, dstHeight,
+      [&](int r, uint16_t* const* h) {
+        taps.filter(rowOf(srcV, r, srcStride), h[0]);
+        taps.filter(rowOf(srcU, r, srcStride), h[1]);
+      },
+      [&](int y) { return tap225(y, srcHeight); });
+}
+
+int DexFrameMetaData::chromaBiScalerGeneric(const uint8_t* srcU, const uint8_t* srcV,
+                                            uint8_t* dstVU, int srcWidth, int srcHeight,
+                                            int dstWidth, int dstHeight, int srcStride,
+                                            int dstStride) {
+  if (int r = scalePointerError(__func__, srcU, srcV, dstVU)) return r;
+  if (int r = scaleGeometryError(__func__, srcWidth, srcHeight, srcStride, dstWidth, dstHeight,
+                                 dstStride, 2)) {
+    return r;
+  }
+  RowTaps taps;
+  const std::unique_ptr<GenericTap[]> rows = genericRowTaps(srcHeight, dstHeight);
+  if (rows == nullptr || !tapsGeneric(taps, srcWidth, dstWidth)) return scaleNoMemory(__func__);
+  return runTwoPass<2, MulHiBlend<8>>(
+      __func__, dstVU, dstStride, dstWidth, dstHeight,
+      [&](int r, uint16_t* const* h) {
+        taps.filter(rowOf(srcV, r, srcStride), h[0]);
+        taps.filter(rowOf(srcU, r, srcStride), h[1]);
+      },
+      [&](int y) { return genericVerticalTap(rows[y], srcHeight); });
+}
+
+int DexFrameMetaData::chromaPlanerToSemi(const uint8_t* srcU, const uint8_t* srcV, uint8_t* dstVU,
+                                         int width, int height, int srcStride, int dstStride) {
+  if (int r =
+          interleaveArgsError(__func__, srcU, srcV, dstVU, width, height, srcStride, dstStride)) {
+    return r;
+  }
+  for (int y = 0; y < height; ++y) {
+    interleaveRow(rowOf(srcV, y, srcStride), rowOf(srcU, y, srcStride),
+                  dstVU + static_cast<ptrdiff_t>(y) * dstStride, width);
+  }
+  return SCALE_OK;
+}
+
+int DexFrameMetaData::chromaPlanerToSemi16Neon(const uint8_t* srcU, const uint8_t* srcV,
+                                               uint8_t* dstVU, int width, int height, int srcStride,
+                                               int dstStride) {
+  if (int r =
+          interleaveArgsError(__func__, srcU, srcV, dstVU, width, height, srcStride, dstStride)) {
+    return r;
+  }
+  for (int y = 0; y < height; ++y) {
+    const uint8_t* u = rowOf(srcU, y, srcStride);
+    const uint8_t* v = rowOf(srcV, y, srcStride);
+    uint8_t* d = dstVU + static_cast<ptrdiff_t>(y) * dstStride;
+    int x = 0;
+    for (; x + 16 <= width; x += 16) interleave16(v + x, u + x, d + 2 * x);
+    if (x == width) continue;
+    if (width >= 16) {
+      // The tail: one more step over the last 16 samples, rewriting the few pairs already done
+      // with the same bytes.
+      x = width - 16;
+      interleave16(v + x, u + x, d + 2 * x);
+    } else {
+      for (; x < width; ++x) {
+        d[2 * x] = v[x];
+        d[2 * x + 1] = u[x];
+      }
+    }
+  }
+  return SCALE_OK;
+}
+// =============================================================================================
 
 }  // namespace android
