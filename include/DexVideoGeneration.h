@@ -21,7 +21,8 @@
 // The job's "video.startFrameId" and "video.stopFrameId" are estimated from the frame rate of
 // the capture's frozen history (the clip's points are stamps, the frames outside the history
 // have no ids here). Words 0 and 1 of the job's reserved video words count the end-point calls
-// without progress and keep the low 32 bits of the clip's newest stamp at the last call.
+// without progress and keep the low 32 bits of the clip's newest stamp at the last call; word 2
+// counts the pan steps after the shutter already checked, so each step is asked about once.
 #include <cstdint>
 
 namespace android {

@@ -49,6 +49,7 @@ void DexVideoGeneration::KoSetVideoStartPoint(KoSequenceData* job, KoPreviewEnco
   }
   job->mVideoReserved[0] = 0;
   job->mVideoReserved[1] = 0;
+  job->mVideoReserved[2] = 0;
   job->mVideoStartFrameId = estimateFrameId(job, start);
   const status_t err = oldest < 0 ? NO_INIT : encoder->startClip(job->mJobId, job->mVideoFd, start);
   if (err != OK) {
@@ -83,13 +84,16 @@ void DexVideoGeneration::KoSetVideoEndPoint(KoSequenceData* job, KoPreviewEncode
   }
   const bool stopped = encoder->isRecording() || job->mVideoReserved[0] >= kStallFrames;
 
+  // Steps after the shutter already found free of a hard pan are not asked again: this runs
+  // after every preview frame.
   int64_t end = -1;
   const int64_t horizon = newest < target ? newest : target;
-  for (int64_t t = shutter; t + kPanStepUs <= horizon; t += kPanStepUs) {
+  for (int64_t t = shutter + job->mVideoReserved[2] * kPanStepUs; t + kPanStepUs <= horizon; t += kPanStepUs) {
     if (hardPan(motion, t, t + kPanStepUs)) {
       end = t;
       break;
     }
+    ++job->mVideoReserved[2];
   }
   if (end < 0 && newest >= target) end = target;
   if (end < 0 && stopped) end = newest;
