@@ -75,12 +75,18 @@ ProbedClip probeClip(const std::string& path, int64_t offset) {
       const int64_t pts = frame->best_effort_timestamp;
       if (firstPts == AV_NOPTS_VALUE) firstPts = pts;
       out.ptsUs.push_back(av_rescale_q(pts - firstPts, tb, AVRational{1, 1000000}));
-      std::vector<uint8_t> y(static_cast<size_t>(out.width) * out.height);
-      for (int r = 0; r < out.height; ++r) {
-        memcpy(&y[static_cast<size_t>(r) * out.width], frame->data[0] + static_cast<ptrdiff_t>(r) * frame->linesize[0],
-               static_cast<size_t>(out.width));
+      out.anyB |= frame->pict_type == AV_PICTURE_TYPE_B;
+      const size_t luma = static_cast<size_t>(out.width) * out.height;
+      std::vector<uint8_t> f(luma * 3 / 2);
+      for (int p = 0; p < 3 && frame->width == out.width && frame->height == out.height; ++p) {
+        const int w = p == 0 ? out.width : out.width / 2, h = p == 0 ? out.height : out.height / 2;
+        uint8_t* dst = f.data() + (p == 0 ? 0 : luma + (p - 1) * luma / 4);
+        for (int r = 0; r < h; ++r) {
+          memcpy(dst + static_cast<size_t>(r) * w, frame->data[p] + static_cast<ptrdiff_t>(r) * frame->linesize[p],
+                 static_cast<size_t>(w));
+        }
       }
-      out.luma.push_back(std::move(y));
+      out.frames.push_back(std::move(f));
       av_frame_unref(frame);
     }
   };
@@ -105,6 +111,7 @@ ProbedClip probeClip(const std::string& path, int64_t offset) {
       tb = st->time_base;
       const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
       out.codec = avcodec_get_name(st->codecpar->codec_id);
+      out.profile = st->codecpar->profile;
       out.width = st->codecpar->width;
       out.height = st->codecpar->height;
       dec = codec ? avcodec_alloc_context3(codec) : nullptr;
@@ -112,11 +119,15 @@ ProbedClip probeClip(const std::string& path, int64_t offset) {
         out.error = "no decoder";
       } else {
         while (av_read_frame(fmt, pkt) >= 0) {
-          if (pkt->stream_index == videoIndex && avcodec_send_packet(dec, pkt) == 0) receive();
+          if (pkt->stream_index == videoIndex) {
+            if (pkt->flags & AV_PKT_FLAG_KEY) out.keyUs.push_back(av_rescale_q(pkt->pts, tb, AVRational{1, 1000000}));
+            if (avcodec_send_packet(dec, pkt) == 0) receive();
+          }
           av_packet_unref(pkt);
         }
         avcodec_send_packet(dec, nullptr);
         receive();
+        out.trackDurationUs = av_rescale_q(st->duration, tb, AVRational{1, 1000000});
         out.ok = true;
       }
     }
@@ -131,7 +142,7 @@ ProbedClip probeClip(const std::string& path, int64_t offset) {
   return out;
 }
 
-double lumaPsnr(const uint8_t* a, const uint8_t* b, int w, int h) {
+double planePsnr(const uint8_t* a, const uint8_t* b, int w, int h) {
   double se = 0.0;
   const size_t n = static_cast<size_t>(w) * h;
   for (size_t i = 0; i < n; ++i) {

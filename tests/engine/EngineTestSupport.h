@@ -265,4 +265,21 @@ inline bool waitForFrame(android::KoEngine* engine, uint32_t id, uint32_t events
       timeoutMs);
 }
 
+// Posts frame `id` (as post() does) and waits until it is in the history, as a camera at the
+// engine's pace would. On a slow (instrumented) build the engine may shed frames at the facade
+// during a late episode; the camera then goes on after a while, so callers must expect frames
+// that never reached the history.
+inline void handOver(SimulatedCamera& cam, android::KoEngine* engine, uint32_t id) {
+  post(cam, engine, id);
+  waitUntil(
+      [&] {
+        return engine->mFg->isLateMode() || withForeground(engine, [id](android::KoEngineFg* fg) {
+                 android::sp<android::KoFrameData> f;
+                 fg->mFrameHist->getItemWithFrameId(id, f);
+                 return f != nullptr;
+               });
+      },
+      3000);
+}
+
 }  // namespace kovane_test

@@ -44,18 +44,7 @@ TEST(KoEngineCapture, ACaptureEveryHundredMillisecondsForTenSecondsAllFinish) {
   // history, as a camera at the engine's pace would. On a slow (instrumented) build the engine
   // may still fall behind and shed a frame at the facade during a short late episode; the
   // camera then goes on after a while, and the captures must survive that as well.
-  auto paced = [&](uint32_t id) {
-    post(cam, engine, id);
-    waitUntil(
-        [&] {
-          return engine->mFg->isLateMode() || kovane_test::withForeground(engine, [id](KoEngineFg* fg) {
-                   sp<KoFrameData> f;
-                   fg->mFrameHist->getItemWithFrameId(id, f);
-                   return f != nullptr;
-                 });
-        },
-        3000);
-  };
+  auto paced = [&](uint32_t id) { kovane_test::handOver(cam, engine, id); };
   const uint32_t kFrames = 300;
   std::vector<int> jobs;
   size_t mostHeld = 0;

@@ -4,21 +4,19 @@
 #include <gtest/gtest.h>
 #include <utils/RefBase.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cmath>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "ClipDecoder.h"
 #include "ClipProbe.h"
 #include "DexCameraMotion.h"
 #include "DexVideoGeneration.h"
 #include "KoPreviewEncode.h"
+#include "KocoreClipViews.h"
 #include "KoSequenceData.h"
 #include "StderrCapture.h"
+#include "TempFile.h"
 #include "TestData.h"
 #include "TestWait.h"
 
@@ -50,22 +48,12 @@ class Reports : public RefBase {
 class VideoGenerationTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    const std::string path = kovane_test::testDataPath("webcam_face_b_400x300_25fps.mp4");
-    kovane_replay::ClipDecoder dec;
-    ASSERT_TRUE(!path.empty() && dec.open(path) && dec.setOutput(kW, kH, kovane_replay::ClipDecoder::FIT_CROP));
-    kovane_replay::ClipFrame f;
-    for (int i = 0; i < 30 && dec.next(f); ++i) {
-      std::vector<uint8_t> planar(static_cast<size_t>(kW) * kH * 3 / 2, 128);
-      memcpy(planar.data(), f.image.y(), static_cast<size_t>(kW) * kH);
-      mPictures.push_back(std::move(planar));
-    }
+    mPictures = kocore_test::planarClip("webcam_face_b_400x300_25fps.mp4", kW, kH, 30).frames;
     ASSERT_EQ(mPictures.size(), 30u);
     mReports = new Reports();
     mEnc.reset(new KoPreviewEncode(mReports, Reports::cb, true, true));
-    // Tests of this suite may run at the same time in separate processes: one file each.
-    mPath = std::string(testing::TempDir()) + "videogen_" +
-            testing::UnitTest::GetInstance()->current_test_info()->name() + ".mp4";
-    mFd = open(mPath.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
+    mFd = mFile.fd;
+    mPath = mFile.path;
     ASSERT_GE(mFd, 0);
     mJob.mJobId = 7;
     mJob.mVideoFd = mFd;
@@ -73,8 +61,6 @@ class VideoGenerationTest : public ::testing::Test {
   }
   void TearDown() override {
     mEnc.reset();
-    close(mFd);
-    unlink(mPath.c_str());
   }
   static int64_t ts(int i) { return kT0 + i * kFrameUs; }
   // Frames from..to of the preview: the encoder gets the picture, the camera-motion analyser
@@ -117,6 +103,7 @@ class VideoGenerationTest : public ::testing::Test {
   DexCameraMotion mMotion;
   DexVideoGeneration mGen;
   KoSequenceData mJob{};
+  kovane_test::TempFile mFile;
   std::string mPath;
   int mFd = -1;
   int mPanFrom = -1, mPanTo = -1;

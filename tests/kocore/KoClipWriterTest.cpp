@@ -8,25 +8,15 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <iterator>
-#include <map>
-#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
-}
-
-#include "ClipDecoder.h"
+#include "ClipProbe.h"
 #include "KoClipWriter.h"
-#include "TestData.h"
+#include "KocoreClipViews.h"
+#include "TempFile.h"
 
 namespace android {
 namespace {
@@ -34,41 +24,22 @@ namespace {
 constexpr int kW = 640;
 constexpr int kH = 360;
 constexpr size_t kLuma = static_cast<size_t>(kW) * kH;
-constexpr size_t kFrameBytes = kLuma * 3 / 2;
 constexpr int64_t kBaseUs = 987654321;  // camera clock at the first frame
 
-using Frame = std::vector<uint8_t>;
+using kovane_test::TempFile;
 
 // About 3 s (75 frames at 25 fps) of a webcam clip as 640x360 planar 4:2:0 frames with camera
 // stamps: the clip's own times plus up to 0.6 ms of jitter, so that any rounding of the
 // stamps on the way through shows.
 struct Clip {
-  std::vector<Frame> frames;
+  const std::vector<std::vector<uint8_t>>& frames;
   std::vector<int64_t> stamps;
 };
 
-const Clip& webcamClip(const std::string& name) {
-  static std::map<std::string, Clip> cache;
-  Clip& c = cache[name];
-  if (!c.frames.empty()) return c;
-  kovane_replay::ClipDecoder dec;
-  if (!dec.open(kovane_test::testDataPath(name)) ||
-      !dec.setOutput(kW, kH, kovane_replay::ClipDecoder::FIT_CROP)) {
-    ADD_FAILURE() << name << ": " << dec.error();
-    return c;
-  }
-  kovane_replay::ClipFrame f;
-  while (c.frames.size() < 75 && dec.next(f)) {
-    Frame p(kFrameBytes);
-    std::copy_n(f.image.y(), kLuma, p.begin());
-    for (size_t i = 0; i < kLuma / 4; ++i) {  // V,U pairs to a U plane and a V plane
-      p[kLuma + i] = f.image.vu()[2 * i + 1];
-      p[kLuma + kLuma / 4 + i] = f.image.vu()[2 * i];
-    }
-    c.frames.push_back(std::move(p));
-    c.stamps.push_back(kBaseUs + f.ptsUs + (f.index * 7919) % 601);
-  }
-  EXPECT_EQ(c.frames.size(), 75u) << name;
+Clip webcamClip(const std::string& name) {
+  const kocore_test::PlanarClip& p = kocore_test::planarClip(name, kW, kH, 75);
+  Clip c{p.frames, {}};
+  for (size_t i = 0; i < p.ptsUs.size(); ++i) c.stamps.push_back(kBaseUs + p.ptsUs[i] + (static_cast<int64_t>(i) * 7919) % 601);
   return c;
 }
 
@@ -78,20 +49,6 @@ std::vector<size_t> allFrames(const Clip& c) {
   return idx;
 }
 
-// A file in the test's temporary folder, removed at the end.
-struct TempFile {
-  std::string path = testing::TempDir() + "koclipwriter_XXXXXX";
-  int fd = mkstemp(&path[0]);
-  ~TempFile() {
-    if (fd >= 0) close(fd);
-    unlink(path.c_str());
-  }
-  std::vector<uint8_t> bytes() const {
-    std::ifstream in(path, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
-  }
-};
-
 // Feeds the chosen frames; the first error of addFrame() or finish(), or OK.
 status_t writeClip(KoClipWriter& w, int fd, const Clip& c, const std::vector<size_t>& idx) {
   status_t err = w.open(fd, kW, kH);
@@ -99,85 +56,6 @@ status_t writeClip(KoClipWriter& w, int fd, const Clip& c, const std::vector<siz
     err = w.addFrame(c.frames[idx[i]].data(), c.stamps[idx[i]]);
   }
   return err == OK ? w.finish() : err;
-}
-
-// What FFmpeg reads back from a written file.
-struct Decoded {
-  int videoStreams = 0;
-  AVCodecID codec = AV_CODEC_ID_NONE;
-  int profile = 0;
-  std::vector<int64_t> ptsUs;  // of the decoded frames
-  std::vector<int64_t> keyUs;  // stamps of the packets flagged as sync samples
-  int64_t durationUs = 0;      // of the track, as its samples' durations add up
-  bool anyB = false;
-  std::vector<Frame> frames;  // packed planar 4:2:0
-};
-
-Decoded decode(const std::string& path) {
-  Decoded d;
-  AVFormatContext* fmt = nullptr;
-  if (avformat_open_input(&fmt, path.c_str(), nullptr, nullptr) < 0) {
-    ADD_FAILURE() << "cannot open " << path;
-    return d;
-  }
-  std::unique_ptr<AVFormatContext*, void (*)(AVFormatContext**)> fmtGuard(&fmt,
-                                                                          avformat_close_input);
-  if (avformat_find_stream_info(fmt, nullptr) < 0) return d;
-  for (unsigned i = 0; i < fmt->nb_streams; ++i) {
-    d.videoStreams += fmt->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
-  }
-  const int si = av_find_best_stream(fmt, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-  if (si < 0) return d;
-  const AVStream* st = fmt->streams[si];
-  d.codec = st->codecpar->codec_id;
-  d.profile = st->codecpar->profile;
-  AVCodecContext* ctx = avcodec_alloc_context3(avcodec_find_decoder(d.codec));
-  std::unique_ptr<AVCodecContext*, void (*)(AVCodecContext**)> ctxGuard(&ctx, avcodec_free_context);
-  if (avcodec_parameters_to_context(ctx, st->codecpar) < 0 ||
-      avcodec_open2(ctx, nullptr, nullptr) < 0) {
-    ADD_FAILURE() << "no decoder";
-    return d;
-  }
-  AVPacket* pkt = av_packet_alloc();
-  AVFrame* frame = av_frame_alloc();
-  const AVRational us = {1, 1000000};
-  auto drain = [&] {
-    while (avcodec_receive_frame(ctx, frame) == 0) {
-      d.ptsUs.push_back(av_rescale_q(frame->best_effort_timestamp, st->time_base, us));
-      d.anyB |= frame->pict_type == AV_PICTURE_TYPE_B;
-      EXPECT_TRUE(frame->width == kW && frame->height == kH && frame->format == AV_PIX_FMT_YUV420P);
-      Frame f(kFrameBytes);
-      for (int p = 0; p < 3; ++p) {
-        const int w = p == 0 ? kW : kW / 2, h = p == 0 ? kH : kH / 2;
-        uint8_t* dst = f.data() + (p == 0 ? 0 : kLuma + (p - 1) * kLuma / 4);
-        for (int y = 0; y < h && frame->width == kW && frame->height == kH; ++y) {
-          std::copy_n(frame->data[p] + y * frame->linesize[p], w, dst + y * w);
-        }
-      }
-      d.frames.push_back(std::move(f));
-    }
-  };
-  while (av_read_frame(fmt, pkt) >= 0) {
-    if (pkt->stream_index == si) {
-      if (pkt->flags & AV_PKT_FLAG_KEY)
-        d.keyUs.push_back(av_rescale_q(pkt->pts, st->time_base, us));
-      avcodec_send_packet(ctx, pkt);
-      drain();
-    }
-    av_packet_unref(pkt);
-  }
-  avcodec_send_packet(ctx, nullptr);
-  drain();
-  d.durationUs = av_rescale_q(st->duration, st->time_base, us);
-  av_frame_free(&frame);
-  av_packet_free(&pkt);
-  return d;
-}
-
-double psnr(const uint8_t* a, const uint8_t* b, size_t n) {
-  double se = 0;
-  for (size_t i = 0; i < n; ++i) se += (a[i] - b[i]) * (a[i] - b[i]);
-  return se == 0 ? 99.0 : 10.0 * std::log10(255.0 * 255.0 * static_cast<double>(n) / se);
 }
 
 // Top-level MP4 boxes of a byte stream, "?" for a box that runs past the end.
@@ -217,9 +95,12 @@ void checkRoundTrip(const std::string& label, const Clip& c, const std::vector<s
   EXPECT_EQ(std::count(boxes.begin(), boxes.end(), "moof"),
             std::count(boxes.begin(), boxes.end(), "mdat"));
 
-  const Decoded d = decode(file.path);
+  const kovane_test::ProbedClip d = kovane_test::probeClip(file.path);
+  ASSERT_TRUE(d.ok) << d.error;
   EXPECT_EQ(d.videoStreams, 1);
-  EXPECT_EQ(d.codec, AV_CODEC_ID_H264);
+  EXPECT_EQ(d.codec, "h264");
+  ASSERT_EQ(d.width, kW);
+  ASSERT_EQ(d.height, kH);
   EXPECT_TRUE(d.profile == 77 || (d.profile & 0xff) == 66)
       << "profile " << d.profile;  // main, baseline
   EXPECT_FALSE(d.anyB);
@@ -235,8 +116,8 @@ void checkRoundTrip(const std::string& label, const Clip& c, const std::vector<s
     }
   }
   // The last frame lasts one frame period; the clip lasts as long as it was recorded.
-  EXPECT_NEAR(d.durationUs - d.ptsUs.back(), minSpacing, 1);
-  const double durationS = d.durationUs / 1e6;
+  EXPECT_NEAR(d.trackDurationUs - d.ptsUs.back(), minSpacing, 1);
+  const double durationS = d.trackDurationUs / 1e6;
   EXPECT_GE(durationS, 1.0);
   EXPECT_LE(durationS, 3.5);
   // A keyframe at least every second, give or take how much a frame came later than expected.
@@ -249,11 +130,11 @@ void checkRoundTrip(const std::string& label, const Clip& c, const std::vector<s
 
   double minY = 99, sumY = 0, minC = 99;
   for (size_t i = 0; i < idx.size(); ++i) {
-    const Frame& fed = c.frames[idx[i]];
-    const double y = psnr(fed.data(), d.frames[i].data(), kLuma);
+    const std::vector<uint8_t>& fed = c.frames[idx[i]];
+    const double y = kovane_test::planePsnr(fed.data(), d.frames[i].data(), kW, kH);
     minY = std::min(minY, y);
     sumY += y;
-    minC = std::min(minC, psnr(fed.data() + kLuma, d.frames[i].data() + kLuma, kLuma / 2));
+    minC = std::min(minC, kovane_test::planePsnr(fed.data() + kLuma, d.frames[i].data() + kLuma, kW, kH / 2));
   }
   EXPECT_GE(minY, 35.0);
   EXPECT_GE(minC, 35.0);  // catches swapped or shifted chroma planes
@@ -265,8 +146,8 @@ void checkRoundTrip(const std::string& label, const Clip& c, const std::vector<s
 }
 
 TEST(KoClipWriterTest, WritesRealFramesThatDecodeBackWithTheirStamps) {
-  const Clip& a = webcamClip("webcam_face_a_400x300_25fps.mp4");
-  const Clip& b = webcamClip("webcam_face_b_400x300_25fps.mp4");
+  const Clip a = webcamClip("webcam_face_a_400x300_25fps.mp4");
+  const Clip b = webcamClip("webcam_face_b_400x300_25fps.mp4");
   ASSERT_FALSE(a.frames.empty());
   ASSERT_FALSE(b.frames.empty());
   checkRoundTrip("clip a", a, allFrames(a));
@@ -278,7 +159,7 @@ TEST(KoClipWriterTest, WritesRealFramesThatDecodeBackWithTheirStamps) {
 }
 
 TEST(KoClipWriterTest, WritesTheSameStreamIntoAPipe) {
-  const Clip& a = webcamClip("webcam_face_a_400x300_25fps.mp4");
+  const Clip a = webcamClip("webcam_face_a_400x300_25fps.mp4");
   ASSERT_FALSE(a.frames.empty());
   TempFile file;
   KoClipWriter w;
@@ -301,7 +182,7 @@ TEST(KoClipWriterTest, WritesTheSameStreamIntoAPipe) {
 }
 
 TEST(KoClipWriterTest, WriteFailuresEndTheClipWithoutSigpipe) {
-  const Clip& a = webcamClip("webcam_face_a_400x300_25fps.mp4");
+  const Clip a = webcamClip("webcam_face_a_400x300_25fps.mp4");
   ASSERT_FALSE(a.frames.empty());
   const std::vector<size_t> idx = allFrames(a);
   KoClipWriter w;
@@ -340,7 +221,7 @@ TEST(KoClipWriterTest, WriteFailuresEndTheClipWithoutSigpipe) {
 }
 
 TEST(KoClipWriterTest, RejectsBadArgumentsAndCallsOutOfOrder) {
-  const Clip& a = webcamClip("webcam_face_a_400x300_25fps.mp4");
+  const Clip a = webcamClip("webcam_face_a_400x300_25fps.mp4");
   ASSERT_FALSE(a.frames.empty());
   const uint8_t* f = a.frames[0].data();
   TempFile file;
@@ -370,13 +251,13 @@ TEST(KoClipWriterTest, RejectsBadArgumentsAndCallsOutOfOrder) {
   EXPECT_EQ(w.finish(), OK);
   EXPECT_EQ(w.addFrame(f, 100000), INVALID_OPERATION);
   EXPECT_EQ(w.finish(), INVALID_OPERATION);
-  const Decoded d = decode(file.path);
+  const kovane_test::ProbedClip d = kovane_test::probeClip(file.path);
   EXPECT_EQ(d.ptsUs, (std::vector<int64_t>{0, 33333}));
-  EXPECT_EQ(d.durationUs, 66666);
+  EXPECT_EQ(d.trackDurationUs, 66666);
 }
 
 TEST(KoClipWriterTest, AbandonedClipWritesNothingMore) {
-  const Clip& a = webcamClip("webcam_face_a_400x300_25fps.mp4");
+  const Clip a = webcamClip("webcam_face_a_400x300_25fps.mp4");
   ASSERT_FALSE(a.frames.empty());
   TempFile file;
   size_t written = 0;

@@ -17,11 +17,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "ClipDecoder.h"
 #include "ClipProbe.h"
 #include "DexFrameMetaData.h"
 #include "KoPreviewEncode.h"
+#include "KocoreClipViews.h"
 #include "StderrCapture.h"
+#include "TempFile.h"
 #include "TestData.h"
 #include "TestWait.h"
 
@@ -326,56 +327,17 @@ TEST_F(KoPreviewEncodeTest, ConcurrentAddAndFlush) {
 
 // ---- Clips --------------------------------------------------------------------------------
 
-// Frames of the real webcam clip a at 640x360 as planar 4:2:0, with the clip's own 25 fps
-// stamps; loaded once.
-struct WebcamFrames {
-  std::vector<std::vector<uint8_t>> frames;
-  std::vector<int64_t> ts;
-};
-const WebcamFrames& webcamFrames() {
-  static const WebcamFrames clip = [] {
-    WebcamFrames out;
-    const std::string path = kovane_test::testDataPath("webcam_face_a_400x300_25fps.mp4");
-    kovane_replay::ClipDecoder dec;
-    if (path.empty() || !dec.open(path) || !dec.setOutput(kW, kH, kovane_replay::ClipDecoder::FIT_CROP)) return out;
-    kovane_replay::ClipFrame f;
-    while (out.frames.size() < 100 && dec.next(f)) {
-      std::vector<uint8_t> planar(kBytes);
-      memcpy(planar.data(), f.image.y(), static_cast<size_t>(kW) * kH);
-      const uint8_t* vu = f.image.y() + kW * kH;
-      uint8_t* u = planar.data() + kW * kH;
-      uint8_t* v = u + kW * kH / 4;
-      for (int i = 0; i < kW * kH / 4; ++i) {
-        v[i] = vu[2 * i];
-        u[i] = vu[2 * i + 1];
-      }
-      out.frames.push_back(std::move(planar));
-      out.ts.push_back(kBaseUs + f.ptsUs);
-    }
-    return out;
-  }();
-  return clip;
-}
-
-// A temporary file for a clip, removed with the object.
-struct TempClip {
-  std::string path;
-  int fd = -1;
-  explicit TempClip(const char* name) {
-    path = std::string(testing::TempDir()) + name;
-    fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0644);
-  }
-  ~TempClip() {
-    if (fd >= 0) close(fd);
-    unlink(path.c_str());
-  }
-};
+using kovane_test::TempFile;
 
 class KoPreviewEncodeClipTest : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_EQ(webcamFrames().frames.size(), 100u); }
-  const std::vector<uint8_t>& frame(int i) const { return webcamFrames().frames[static_cast<size_t>(i)]; }
-  int64_t ts(int i) const { return webcamFrames().ts[static_cast<size_t>(i)]; }
+  // The real webcam clip a at 640x360, 25 fps.
+  const kocore_test::PlanarClip& clip() const {
+    return kocore_test::planarClip("webcam_face_a_400x300_25fps.mp4", kW, kH, 100);
+  }
+  void SetUp() override { ASSERT_EQ(clip().frames.size(), 100u); }
+  const std::vector<uint8_t>& frame(int i) const { return clip().frames[static_cast<size_t>(i)]; }
+  int64_t ts(int i) const { return kBaseUs + clip().ptsUs[static_cast<size_t>(i)]; }
   void add(KoPreviewEncode& enc, int from, int to) {
     for (int i = from; i <= to; ++i) enc.addFrame(const_cast<uint8_t*>(frame(i).data()), kW, kH, ts(i));
   }
@@ -388,7 +350,7 @@ class KoPreviewEncodeClipTest : public ::testing::Test {
 TEST_F(KoPreviewEncodeClipTest, ClipsDecodeToTheFramesFedWithTheirStampsAndGaps) {
   sp<TestOwner> owner = new TestOwner();
   KoPreviewEncode enc(owner, TestOwner::encodeCompleteCb, true, true);
-  TempClip file("clip_a.mp4");
+  TempFile file;
   int pipeFds[2];
   ASSERT_EQ(pipe(pipeFds), 0);
   std::string piped;
@@ -438,7 +400,7 @@ TEST_F(KoPreviewEncodeClipTest, ClipsDecodeToTheFramesFedWithTheirStampsAndGaps)
     double worst = 99.0;
     for (size_t k = 0; k < fed.size(); ++k) {
       EXPECT_NEAR(static_cast<double>(clip.ptsUs[k]), static_cast<double>(ts(fed[k]) - ts(10)), 1.0) << k;
-      worst = std::min(worst, kovane_test::lumaPsnr(clip.luma[k].data(), frame(fed[k]).data(), kW, kH));
+      worst = std::min(worst, kovane_test::planePsnr(clip.frames[k].data(), frame(fed[k]).data(), kW, kH));
     }
     EXPECT_GE(worst, 35.0);
     EXPECT_GT(clip.durationUs(), 1000000);
@@ -449,7 +411,7 @@ TEST_F(KoPreviewEncodeClipTest, ClipsDecodeToTheFramesFedWithTheirStampsAndGaps)
   }
   {
     SCOPED_TRACE("piped clip");
-    TempClip copy("clip_b.mp4");
+    TempFile copy;
     ASSERT_EQ(write(copy.fd, piped.data(), piped.size()), static_cast<ssize_t>(piped.size()));
     const kovane_test::ProbedClip clip = kovane_test::probeClip(copy.path);
     ASSERT_TRUE(clip.ok) << clip.error;
@@ -500,7 +462,7 @@ TEST_F(KoPreviewEncodeClipTest, FailuresAreReportedNotSavedOnceAndTheNextClipWor
   close(p[1]);
 
   // An encoder that cannot open; then a good clip with the default rate again.
-  TempClip file("clip_c.mp4");
+  TempFile file;
   enc->setClipBitrate(-1);
   ASSERT_EQ(enc->startClip(12, file.fd, ts(0)), OK);
   enc->endClip(12, ts(30));
@@ -509,7 +471,7 @@ TEST_F(KoPreviewEncodeClipTest, FailuresAreReportedNotSavedOnceAndTheNextClipWor
   ASSERT_EQ(fstat(file.fd, &st), 0);
   EXPECT_EQ(st.st_size, 0);
   enc->setClipBitrate(0);
-  TempClip good("clip_e.mp4");
+  TempFile good;
   ASSERT_EQ(enc->startClip(13, good.fd, ts(5)), OK);
   enc->endClip(13, ts(30));
   expectReport(13, true);
@@ -517,7 +479,7 @@ TEST_F(KoPreviewEncodeClipTest, FailuresAreReportedNotSavedOnceAndTheNextClipWor
   EXPECT_EQ(kovane_test::probeClip(good.path).ptsUs.size(), 10u);
 
   // Cancelled while frames are being encoded; a clip that never got a frame.
-  TempClip other("clip_d.mp4");
+  TempFile other;
   ASSERT_EQ(enc->startClip(14, other.fd, ts(0)), OK);
   add(*enc, 31, 40);
   ASSERT_EQ(enc->cancelClip(14), OK);

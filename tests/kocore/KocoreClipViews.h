@@ -4,6 +4,8 @@
 // the central 640x360 band of a 640x480 one).
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -42,6 +44,37 @@ inline std::vector<Plane> clipViews(const std::string& name, int previewW, int p
   }
   EXPECT_EQ(last - first + 1, static_cast<int>(out.size())) << name;
   return out;
+}
+
+// The first `count` frames of a clip at w x h as planar 4:2:0 (Y, U, V planes, rows packed),
+// the form the preview encoder keeps, with the clip's own times; loaded once per clip and size.
+struct PlanarClip {
+  std::vector<std::vector<uint8_t>> frames;
+  std::vector<int64_t> ptsUs;
+};
+inline const PlanarClip& planarClip(const std::string& name, int w, int h, size_t count) {
+  static std::map<std::string, PlanarClip> cache;
+  PlanarClip& c = cache[name + "/" + std::to_string(w) + "x" + std::to_string(h) + "/" + std::to_string(count)];
+  if (!c.frames.empty()) return c;
+  kovane_replay::ClipDecoder dec;
+  if (!dec.open(kovane_test::testDataPath(name)) || !dec.setOutput(w, h, kovane_replay::ClipDecoder::FIT_CROP)) {
+    ADD_FAILURE() << name << ": " << dec.error();
+    return c;
+  }
+  const size_t luma = static_cast<size_t>(w) * h;
+  kovane_replay::ClipFrame f;
+  while (c.frames.size() < count && dec.next(f)) {
+    std::vector<uint8_t> p(luma * 3 / 2);
+    std::copy_n(f.image.y(), luma, p.begin());
+    for (size_t i = 0; i < luma / 4; ++i) {  // V,U pairs to a U plane and a V plane
+      p[luma + i] = f.image.vu()[2 * i + 1];
+      p[luma + luma / 4 + i] = f.image.vu()[2 * i];
+    }
+    c.frames.push_back(std::move(p));
+    c.ptsUs.push_back(f.ptsUs);
+  }
+  EXPECT_EQ(c.frames.size(), count) << name;
+  return c;
 }
 
 }  // namespace kocore_test
