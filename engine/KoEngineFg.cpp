@@ -641,9 +641,14 @@ void KoEngineFg::processFrameStats(sp<KoFrameData>& current, sp<KoFrameData>& pr
   }
   const int viewStride = static_cast<int>(current->mAnalysisWidth);
   const int sw = static_cast<int>(current->mSmallWidth), sh = static_cast<int>(current->mSmallHeight);
-  DexFrameMetaData::downScaleLuma2x(curSmall, curView, viewStride, sw, sh);
-  // The previous frame's small image is rebuilt with the current sizes so that both match.
-  DexFrameMetaData::downScaleLuma2x(prevSmall, prevView, viewStride, sw, sh);
+  // The small images are the 2x2 reductions of the analysis views. Frame creation makes them
+  // in its pass over the camera frame for the common camera sizes; any other frame gets its
+  // own here, once (the previous frame's is made again only if it never was).
+  for (KoFrameData* f : {current.get(), previous.get()}) {
+    if (f->mSmallImageReady) continue;
+    DexFrameMetaData::downScaleLuma2x(f->mSmallImage->data(), f->mAnalysisImage, viewStride, sw, sh);
+    f->mSmallImageReady = true;
+  }
 
   KO_dataStats_t luma, sobel, diff;
   memset(&luma, 0, sizeof(luma));

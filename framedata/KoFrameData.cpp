@@ -20,6 +20,7 @@ KoFrameData::KoFrameData()
       mSmallWidth(0),
       mSmallHeight(0),
       mAnalysisImage(nullptr),
+      mSmallImageReady(false),
       mFeScore(0),
       mAuxScore(0.0f),
       mFacesScore(0.0f),

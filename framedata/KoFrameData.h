@@ -79,6 +79,7 @@ class KoFrameData : public RefBase {
   sp<ABuffer> mDownscaledImage;  // planar 4:2:0: luma, then U, then V planes
   uint8_t* mAnalysisImage;       // 640x360 band centred in mDownscaledImage, stride mWidth
   sp<ABuffer> mSmallImage;       // 320x180 luma
+  bool mSmallImageReady;         // mSmallImage holds the 2x2 reduction of the analysis view
   sp<ABuffer> mSobelBuffer1;     // 320x180 int16 scratch
   sp<ABuffer> mSobelBuffer2;
   int32_t mFeScore;

@@ -9,6 +9,7 @@
 
 #include "DexFrameMetaData.h"
 #include "KoEngineContext.h"
+#include "KoFrameReducer.h"
 #include "KoMemory.h"
 #include "SensorManager.h"
 #include "fastcv.h"
@@ -249,17 +250,26 @@ status_t KoFrameDataCreate::downscaleImage(KO_cam_frame_len_offset_t* planes, sp
   const int cw = static_cast<int>(outW / 2);
   const int ch = static_cast<int>(outH / 2);
 
-  // The three common camera sizes take the fixed-ratio reducers, which read the luma with the
-  // frame width as stride; every other size takes the general reducers with the layout's stride.
-  if (width == 1280 && height == 720) {
-    DexFrameMetaData::downScaleLuma2x(out, data, 1280, outW, outH);
-    DexFrameMetaData::decimateChroma2x(planeA, planeB, chroma, chromaStride, cw, ch, 1);
-  } else if (width == 1920 && height == 1080) {
-    DexFrameMetaData::downScaleLuma3x(out, data, 1920, outW, outH);
-    DexFrameMetaData::decimateChroma3x(planeA, planeB, chroma, chromaStride, cw, ch, 1);
-  } else if (width == 1440 && height == 1080) {
-    DexFrameMetaData::downscaleLuma9to4(out, data, outW, outH, 1440);
-    DexFrameMetaData::downscaleChroma9to4(planeA, planeB, chroma, cw, ch, chromaStride);
+  // The three common camera sizes are reduced in one pass that also makes the 320x180 image of
+  // the analysis band (the frame is read once, from memory); they read the luma with the frame
+  // width as stride. Every other size takes the general reducers with the layout's stride, and
+  // its small image is made by the foreground.
+  const int bandTop = static_cast<int>(outH) - static_cast<int>(KoFrameData::ANALYSIS_HEIGHT);
+  if (fixedSize && outW == 2 * KoFrameData::SMALL_WIDTH && bandTop >= 0) {
+    uint8_t* smallImage = static_cast<uint8_t*>(fcvMemAlloc(KoFrameData::SMALL_IMAGE_BYTES, 16));
+    if (!smallImage) {
+      fcvMemFree(out);
+      return NO_MEMORY;
+    }
+    if (KoFrameReducer::reduceNv21(data, width, chroma, chromaStride, width, height, out,
+                                   static_cast<int>(outW), static_cast<int>(outH), smallImage,
+                                   bandTop / 2, static_cast<int>(KoFrameData::SMALL_HEIGHT)) != 0) {
+      fcvMemFree(smallImage);
+      fcvMemFree(out);
+      return BAD_VALUE;
+    }
+    frame->mSmallImage = new ABuffer(smallImage, KoFrameData::SMALL_IMAGE_BYTES);
+    frame->mSmallImageReady = true;
   } else {
     fcvScaleDownMNu8(data, width, height, planes->mp[0].stride, out, outW, outH, outW);
     const unsigned int tempBytes = outW * outH / 2;
@@ -289,13 +299,16 @@ status_t KoFrameDataCreate::downscaleImage(KO_cam_frame_len_offset_t* planes, sp
          static_cast<unsigned>(KoFrameData::ANALYSIS_WIDTH), static_cast<unsigned>(KoFrameData::ANALYSIS_HEIGHT));
   }
 
-  sp<ABuffer> small = allocImage(KoFrameData::SMALL_IMAGE_BYTES);
+  sp<ABuffer> small = frame->mSmallImage != nullptr ? frame->mSmallImage
+                                                   : allocImage(KoFrameData::SMALL_IMAGE_BYTES);
   sp<ABuffer> sobel1 = allocImage(KoFrameData::SOBEL_BUFFER_BYTES);
   sp<ABuffer> sobel2 = allocImage(KoFrameData::SOBEL_BUFFER_BYTES);
   if (small == nullptr || sobel1 == nullptr || sobel2 == nullptr) {
     for (sp<ABuffer>* b : {&small, &sobel1, &sobel2}) {
       if (*b != nullptr) fcvMemFree((*b)->base());
     }
+    frame->mSmallImage.clear();
+    frame->mSmallImageReady = false;
     return NO_MEMORY;
   }
   frame->mSmallImage = small;
