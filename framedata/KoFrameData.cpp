@@ -69,7 +69,11 @@ KoFrameData::~KoFrameData() {
   sp<ABuffer>* images[] = {&mSmallImage, &mSobelBuffer1, &mSobelBuffer2, &mDownscaledImage};
   for (sp<ABuffer>* image : images) {
     if (*image != nullptr) {
-      fcvMemFree((*image)->base());
+      if (mImagePool != nullptr) {
+        mImagePool->give((*image)->base(), (*image)->capacity());
+      } else {
+        fcvMemFree((*image)->base());
+      }
       image->clear();
     }
   }

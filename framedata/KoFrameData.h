@@ -16,6 +16,7 @@
 #include "DexFrameMetaData.h"
 #include "KoEngineTypes.h"
 #include "KoFaceMetaData.h"
+#include "KoImagePool.h"
 #include "KoSensorSample.h"
 
 namespace android {
@@ -123,6 +124,7 @@ class KoFrameData : public RefBase {
   uint32_t mCamMotion[8];  // camera-motion result block, read by word
   sp<ABuffer> mMetaBuffer;
   std::atomic<uint32_t> mProcessedEvents;
+  sp<KoImagePool> mImagePool;  // where the four images go back to (null: freed)
 
   // Serialises changes to frames shared between the history and its readers.
   static pthread_mutex_t gFrameDataMutex;

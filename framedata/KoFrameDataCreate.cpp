@@ -41,8 +41,8 @@ const char kNewFaceSignature[] =
     "android::status_t android::KoFrameDataCreate::newFaceData(KO_cam_face_detection_data_t*, "
     "android::sp<android::KoFaceMetaData>&)";
 
-sp<ABuffer> allocImage(size_t bytes) {
-  void* mem = fcvMemAlloc(static_cast<unsigned int>(bytes), 16);
+sp<ABuffer> allocImage(KoImagePool* pool, size_t bytes) {
+  uint8_t* mem = pool->take(bytes);
   if (!mem) return nullptr;
   return new ABuffer(mem, bytes);
 }
@@ -55,7 +55,8 @@ KoFrameDataCreate::KoFrameDataCreate(KoEngineContext* engine)
       mLastAccelSample(),
       mLastGyroSample(),
       mLastOrientSample(),
-      mLastMagneticSample() {
+      mLastMagneticSample(),
+      mImagePool(new KoImagePool()) {
   setup();
 }
 
@@ -106,6 +107,7 @@ status_t KoFrameDataCreate::newFrame(KO_PreviewFrameData_t* preview, sp<KoFrameD
     return 0;
   }
   sp<KoFrameData> frame = new KoFrameData();
+  frame->mImagePool = mImagePool;
   frame->mStreamType = preview->streamType;
   const bool knownStream =
       preview->streamType == KO_STREAM_TYPE_PREVIEW || preview->streamType == KO_STREAM_TYPE_VIDEO;
@@ -241,7 +243,7 @@ status_t KoFrameDataCreate::downscaleImage(KO_cam_frame_len_offset_t* planes, sp
   frame->mHeight = outH;
 
   const size_t outBytes = static_cast<size_t>(outW) * outH * 3 / 2;
-  uint8_t* out = static_cast<uint8_t*>(fcvMemAlloc(static_cast<unsigned int>(outBytes), 16));
+  uint8_t* out = mImagePool->take(outBytes);
   if (!out) return NO_MEMORY;
   uint8_t* planeA = out + static_cast<size_t>(outW) * outH;
   uint8_t* planeB = planeA + static_cast<size_t>(outW / 2) * (outH / 2);
@@ -256,16 +258,16 @@ status_t KoFrameDataCreate::downscaleImage(KO_cam_frame_len_offset_t* planes, sp
   // its small image is made by the foreground.
   const int bandTop = static_cast<int>(outH) - static_cast<int>(KoFrameData::ANALYSIS_HEIGHT);
   if (fixedSize && outW == 2 * KoFrameData::SMALL_WIDTH && bandTop >= 0) {
-    uint8_t* smallImage = static_cast<uint8_t*>(fcvMemAlloc(KoFrameData::SMALL_IMAGE_BYTES, 16));
+    uint8_t* smallImage = mImagePool->take(KoFrameData::SMALL_IMAGE_BYTES);
     if (!smallImage) {
-      fcvMemFree(out);
+      mImagePool->give(out, outBytes);
       return NO_MEMORY;
     }
     if (KoFrameReducer::reduceNv21(data, width, chroma, chromaStride, width, height, out,
                                    static_cast<int>(outW), static_cast<int>(outH), smallImage,
                                    bandTop / 2, static_cast<int>(KoFrameData::SMALL_HEIGHT)) != 0) {
-      fcvMemFree(smallImage);
-      fcvMemFree(out);
+      mImagePool->give(smallImage, KoFrameData::SMALL_IMAGE_BYTES);
+      mImagePool->give(out, outBytes);
       return BAD_VALUE;
     }
     frame->mSmallImage = new ABuffer(smallImage, KoFrameData::SMALL_IMAGE_BYTES);
@@ -275,7 +277,7 @@ status_t KoFrameDataCreate::downscaleImage(KO_cam_frame_len_offset_t* planes, sp
     const unsigned int tempBytes = outW * outH / 2;
     uint8_t* temp = static_cast<uint8_t*>(fcvMemAlloc(tempBytes, 16));
     if (!temp) {
-      fcvMemFree(out);
+      mImagePool->give(out, outBytes);
       return NO_MEMORY;
     }
     fcvScaleDownMNInterleaveu8(chroma, width / 2, height / 2, chromaStride, temp, outW / 2, outH / 2, outW);
@@ -299,13 +301,14 @@ status_t KoFrameDataCreate::downscaleImage(KO_cam_frame_len_offset_t* planes, sp
          static_cast<unsigned>(KoFrameData::ANALYSIS_WIDTH), static_cast<unsigned>(KoFrameData::ANALYSIS_HEIGHT));
   }
 
+  KoImagePool* pool = mImagePool.get();
   sp<ABuffer> small = frame->mSmallImage != nullptr ? frame->mSmallImage
-                                                   : allocImage(KoFrameData::SMALL_IMAGE_BYTES);
-  sp<ABuffer> sobel1 = allocImage(KoFrameData::SOBEL_BUFFER_BYTES);
-  sp<ABuffer> sobel2 = allocImage(KoFrameData::SOBEL_BUFFER_BYTES);
+                                                   : allocImage(pool, KoFrameData::SMALL_IMAGE_BYTES);
+  sp<ABuffer> sobel1 = allocImage(pool, KoFrameData::SOBEL_BUFFER_BYTES);
+  sp<ABuffer> sobel2 = allocImage(pool, KoFrameData::SOBEL_BUFFER_BYTES);
   if (small == nullptr || sobel1 == nullptr || sobel2 == nullptr) {
     for (sp<ABuffer>* b : {&small, &sobel1, &sobel2}) {
-      if (*b != nullptr) fcvMemFree((*b)->base());
+      if (*b != nullptr) pool->give((*b)->base(), (*b)->capacity());
     }
     frame->mSmallImage.clear();
     frame->mSmallImageReady = false;

@@ -11,6 +11,7 @@
 #include "KoEngineTypes.h"
 #include "KoFaceMetaData.h"
 #include "KoFrameData.h"
+#include "KoImagePool.h"
 #include "KoMemoryBuffer.h"
 #include "KoSensorSample.h"
 #include "SensorEventQueue.h"
@@ -49,6 +50,7 @@ class KoFrameDataCreate {
 
  private:
   std::vector<ASensorEvent> mSensorEvents;  // read buffer of getSensorData
+  sp<KoImagePool> mImagePool;               // the frames' image memory, reused
 
   KoFrameDataCreate(const KoFrameDataCreate&) = delete;
   KoFrameDataCreate& operator=(const KoFrameDataCreate&) = delete;

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "DexFrameMetaData.h"
 #include "FrameTestSupport.h"
 #include "HostSensorFeed.h"
 #include "KoFrameDataCreate.h"
@@ -343,4 +344,38 @@ TEST_F(FrameCreation, SensorSamplesAreTheNewestAndRepeatWhenNothingArrives) {
   ASSERT_EQ(plain.newFrame(&cam.preview, third), 0);
   EXPECT_EQ(third->mAccelSample.mTimestamp, 0);
   EXPECT_EQ(third->mSensorEnabled[0], 0);
+}
+
+TEST_F(FrameCreation, SmallImageComesWithTheFrameAndImageMemoryIsReused) {
+  TestEngineContext engine;
+  KoFrameDataCreate* factory = new KoFrameDataCreate(&engine);
+  CameraFrame cam = cut(solvay, 1920, 1080, 0, 0, 1920, 1080, 1920);
+  sp<KoFrameData> first;
+  ASSERT_EQ(factory->newFrame(&cam.preview, first), 0);
+  ASSERT_NE(first, nullptr);
+  // The pass over the camera frame also made the 2x2 reduction of the analysis view.
+  std::vector<uint8_t> want(KoFrameData::SMALL_IMAGE_BYTES);
+  DexFrameMetaData::downScaleLuma2x(want.data(), first->mAnalysisImage, 640, 320, 180);
+  EXPECT_TRUE(first->mSmallImageReady);
+  EXPECT_EQ(0, memcmp(want.data(), first->mSmallImage->data(), want.size()));
+  // A size on the general path has no small image yet: the foreground makes it.
+  CameraFrame vga = cut(solvay, 1920, 1080, 0, 0, 640, 480, 640);
+  sp<KoFrameData> general;
+  ASSERT_EQ(factory->newFrame(&vga.preview, general), 0);
+  EXPECT_FALSE(general->mSmallImageReady);
+
+  // The next frame gets the memory of a released one instead of fresh pages.
+  uint8_t* firstImage = first->mDownscaledImage->base();
+  first.clear();
+  sp<KoFrameData> second;
+  ASSERT_EQ(factory->newFrame(&cam.preview, second), 0);
+  EXPECT_EQ(second->mDownscaledImage->base(), firstImage);
+  // More frames at once than the pool keeps, all released; then the factory goes while a
+  // frame still lives: that frame's memory is freed with it (the leak checker would say).
+  std::vector<sp<KoFrameData>> many(12);
+  for (sp<KoFrameData>& f : many) ASSERT_EQ(factory->newFrame(&cam.preview, f), 0);
+  many.clear();
+  delete factory;
+  EXPECT_EQ(second->mFrameId, 42u);
+  second.clear();
 }
