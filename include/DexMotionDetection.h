@@ -36,7 +36,8 @@ class DexMotionDetection {
   static constexpr int RANGE = 16;
   static constexpr int FULL_DEVIATION = 6;
 
-  // Largest view the detector accepts (the analysis view: 640 x 360).
+  // Largest view the detector accepts (the analysis view: 640 x 360). All working memory is
+  // sized here, so that estimating and storing references does not allocate.
   DexMotionDetection(int width, int height);
   ~DexMotionDetection();
 
@@ -75,15 +76,47 @@ class DexMotionDetection {
   float KoMotionDecision(KoFrameHistSnapshot* snapshot, Vector<KO_camMotionType_t>& camMotion,
                          int count, int capturedIndex);
 
+  // Process-wide choice of the pixel kernels of copyNewRefFrame and processMEPerFrame, for tests
+  // and benchmarks. All sets give bit-for-bit identical results; the default is the fastest.
+  enum KernelSet {
+    KERNELS_PORTABLE = 0,  // plain C++
+    KERNELS_VECTOR = 1,    // 128-bit vectors: SSE2 on x86, NEON on ARM
+    KERNELS_FASTEST = 2,   // AVX2 where the CPU has it, else as KERNELS_VECTOR
+  };
+  static void setKernels(KernelSet kernels);
+  static KernelSet kernels();
+  // setSimdEnabled(false) selects KERNELS_PORTABLE, setSimdEnabled(true) KERNELS_FASTEST. A
+  // build without vector kernels always runs the portable ones.
+  static void setSimdEnabled(bool enabled);
+
  private:
+  // A matched block: its vector, centre, top-left corner and the SAD at the vector.
+  struct Block {
+    float dx, dy;
+    float cx, cy;
+    int x, y;
+    uint32_t sad;
+  };
+
+  // The two operations on one set of pixel kernels (portable or vectorised).
+  template <class Kernels>
+  void storeReference(const uint8_t* view, int w, int h, int stride);
+  template <class Kernels>
+  void estimate(const uint8_t* view, int stride, motionResult_t* out);
+
   int mMaxWidth;
   int mMaxHeight;
   int mRefWidth = 0;
   int mRefHeight = 0;
+  // The planes below are allocated once for the largest view (plus a few bytes that the vector
+  // kernels may read past the last row).
   std::vector<uint8_t> mRef;       // reference view, row stride mRefWidth
-  std::vector<uint8_t> mRefHalf;   // its 2x reduction
+  std::vector<uint8_t> mRefHalf;   // its 2x reduction, row stride mRefWidth / 2
   double mRefMean = 0;             // its luma mean and standard deviation
   double mRefSpread = 0;
+  std::vector<uint8_t> mMatched;   // the view at the reference's exposure, row stride mRefWidth
+  std::vector<uint8_t> mHalf;      // its 2x reduction, row stride mRefWidth / 2
+  std::vector<Block> mBlocks;      // blocks of the current estimation (capacity: the full grid)
 };
 
 }  // namespace android
