@@ -1,10 +1,12 @@
 // Statistics, Sobel, histogram, shift and histogram-distance kernels.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "DexFrameMetaData.h"
@@ -70,6 +72,208 @@ TEST(FrameStats, SobelOrdersSharpAboveBlurredForFrameAndRegion) {
   ASSERT_EQ(0, DexFrameMetaData::calcSobel2DRegion(view.data(), a, 240, 136, 160, 88, 640, 0));
   ASSERT_EQ(0, DexFrameMetaData::calcSobel2DRegion(blurred.data(), b, 240, 136, 160, 88, 640, 0));
   EXPECT_GT(a.mean, 1.5f * b.mean);
+}
+
+// Vector paths on or off for the scope (process-wide switch), back on afterwards.
+struct SimdScope {
+  explicit SimdScope(bool on) { DexFrameMetaData::setSimdEnabled(on); }
+  ~SimdScope() { DexFrameMetaData::setSimdEnabled(true); }
+};
+
+bool sameStats(const KO_dataStats_t& a, const KO_dataStats_t& b) {
+  return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+// Consecutive frames of the hand-held clip and the group photo, as the engine's 320x180 small
+// images (the group photo's previous frame is a copy shifted by 3 pixels).
+std::vector<std::pair<Plane, Plane>> smallFramePairs() {
+  std::vector<std::pair<Plane, Plane>> pairs;
+  for (const auto& names : {std::pair<const char*, const char*>{"cockatoo_f006_1280x720.nv21",
+                                                                "cockatoo_f005_1280x720.nv21"},
+                            {"cockatoo_f101_1280x720.nv21", "cockatoo_f100_1280x720.nv21"},
+                            {"cockatoo_f160_1280x720.nv21", "cockatoo_f155_1280x720.nv21"}}) {
+    pairs.emplace_back(kocore_test::half(kocore_test::analysisView(names.first)),
+                       kocore_test::half(kocore_test::analysisView(names.second)));
+  }
+  const Plane group = kocore_test::half(kocore_test::analysisView("solvay_1920x1080.nv21"));
+  Plane moved = group;
+  std::rotate(moved.px.begin(), moved.px.begin() + 3, moved.px.end());
+  pairs.emplace_back(group, moved);
+  return pairs;
+}
+
+// The gradient statistics computed directly: magnitudes sqrt(gx^2 + gy^2) / 4 summed in double
+// over the interior of a w x h region (row stride `stride`).
+KO_dataStats_t referenceSobel(const uint8_t* img, int w, int h, int stride) {
+  double sum = 0, sumSq = 0;
+  float lo = 1e30f, hi = 0;
+  long n = 0;
+  for (int y = 1; y + 1 < h; ++y) {
+    for (int x = 1; x + 1 < w; ++x) {
+      auto p = [&](int dx, int dy) { return static_cast<int>(img[(y + dy) * stride + x + dx]); };
+      const int gx = p(1, -1) - p(-1, -1) + 2 * (p(1, 0) - p(-1, 0)) + p(1, 1) - p(-1, 1);
+      const int gy = p(-1, 1) - p(-1, -1) + 2 * (p(0, 1) - p(0, -1)) + p(1, 1) - p(1, -1);
+      const double m = std::sqrt(static_cast<double>(gx * gx + gy * gy)) / 4;
+      sum += m;
+      sumSq += m * m;
+      const float mf = std::sqrt(static_cast<float>(gx * gx + gy * gy)) * 0.25f;
+      lo = std::min(lo, mf);
+      hi = std::max(hi, mf);
+      ++n;
+    }
+  }
+  KO_dataStats_t r{};
+  r.mean = static_cast<float>(sum / n);
+  r.stddev = r.stddevCopy = static_cast<float>(std::sqrt(sumSq / n - (sum / n) * (sum / n)));
+  r.min = lo;
+  r.max = hi;
+  return r;
+}
+
+// Gradient statistics within the documented tolerances of a reference: mean 1e-5 (relative),
+// standard deviation 1e-4 (relative; 5e-3 of the mean where the spread is below 1% of the
+// mean), extremes exact.
+void expectSobelClose(const KO_dataStats_t& ref, const KO_dataStats_t& s) {
+  EXPECT_NEAR(ref.mean, s.mean, 1e-5 * ref.mean);
+  EXPECT_NEAR(ref.stddev, s.stddev,
+              ref.stddev < 0.01f * ref.mean ? 5e-3 * ref.mean : 1e-4 * ref.stddev);
+  EXPECT_EQ(s.stddev, s.stddevCopy);
+  EXPECT_EQ(ref.min, s.min);
+  EXPECT_EQ(ref.max, s.max);
+}
+
+// The fused per-frame step gives exactly what the four kernels give one after the other, on
+// both paths, and the two paths agree: exactly for the byte statistics, the histogram and the
+// gradient planes, within the stated tolerance for the gradient mean and spread.
+TEST(FrameStats, FusedStepMatchesSeparateKernelsAndPathsAgreeOnRealFrames) {
+  const int w = 320, h = 180, n = w * h;
+  for (const auto& [cur, prev] : smallFramePairs()) {
+    ASSERT_EQ(w, cur.w);
+    ASSERT_EQ(h, cur.h);
+    KO_dataStats_t result[2][3];  // per path: luma, Sobel, difference
+    std::vector<uint32_t> histOf[2];
+    std::vector<int16_t> gxOf[2], gyOf[2];
+    for (int simd = 0; simd < 2; ++simd) {
+      SCOPED_TRACE(simd ? "vector" : "portable");
+      SimdScope scope(simd != 0);
+      KO_dataStats_t luma{}, sobel{}, diff{};
+      std::vector<int16_t> gx(n, 99), gy(n, 99);
+      std::vector<uint32_t> hist(32, 7);
+      ASSERT_EQ(0, DexFrameMetaData::calcMeanStddev(cur.data(), &luma, n));
+      ASSERT_EQ(0, DexFrameMetaData::calcSobelFrame(cur.data(), &sobel, w, h, 0, gx.data(), gy.data()));
+      ASSERT_EQ(0, DexFrameMetaData::calcMFrameDiff(cur.data(), prev.data(), &diff, n));
+      ASSERT_EQ(0, DexFrameMetaData::genHistogramPow2(cur.data(), hist.data(), w, h, w, 32));
+
+      KO_dataStats_t fl{}, fs{}, fd{};
+      std::vector<int16_t> fgx(n, -5), fgy(n, -5);
+      std::vector<uint32_t> fhist(32, 3);
+      ASSERT_EQ(0, DexFrameMetaData::calcSmallFrameStats(cur.data(), prev.data(), w, h, &fl, &fs,
+                                                         &fd, fhist.data(), 32, fgx.data(),
+                                                         fgy.data()));
+      EXPECT_TRUE(sameStats(luma, fl));
+      EXPECT_TRUE(sameStats(sobel, fs));
+      EXPECT_TRUE(sameStats(diff, fd));
+      EXPECT_EQ(hist, fhist);
+      EXPECT_EQ(gx, fgx);
+      EXPECT_EQ(gy, fgy);
+
+      // Against values computed directly from the pixels.
+      expectSobelClose(referenceSobel(cur.data(), w, h, w), sobel);
+      EXPECT_EQ(0, gx[0]);
+      EXPECT_EQ(0, gy[w * h - 1]);
+      EXPECT_EQ((cur.at(6, 4) - cur.at(4, 4)) * 2 + cur.at(6, 3) - cur.at(4, 3) + cur.at(6, 5) -
+                    cur.at(4, 5),
+                gx[4 * w + 5]);
+      double diffSum = 0;
+      uint64_t count = 0;
+      for (int i = 0; i < n; ++i) diffSum += std::abs(cur.px[i] - prev.px[i]);
+      for (uint32_t c : hist) count += c;
+      EXPECT_NEAR(diffSum / n, diff.mean, 1e-4);
+      EXPECT_EQ(static_cast<uint64_t>(n), count);
+
+      // Without a previous frame the difference is zeroed; without a histogram none is made.
+      KO_dataStats_t nl{}, ns{}, nd{1, 2, 3, 4, 5};
+      std::vector<uint32_t> untouched(32, 11);
+      ASSERT_EQ(0, DexFrameMetaData::calcSmallFrameStats(cur.data(), nullptr, w, h, &nl, &ns, &nd,
+                                                         nullptr, 48, fgx.data(), fgy.data()));
+      EXPECT_TRUE(sameStats(KO_dataStats_t{}, nd));
+      EXPECT_TRUE(sameStats(luma, nl));
+      EXPECT_TRUE(sameStats(sobel, ns));
+
+      result[simd][0] = luma;
+      result[simd][1] = sobel;
+      result[simd][2] = diff;
+      histOf[simd] = hist;
+      gxOf[simd] = gx;
+      gyOf[simd] = gy;
+    }
+    EXPECT_TRUE(sameStats(result[0][0], result[1][0]));
+    EXPECT_TRUE(sameStats(result[0][2], result[1][2]));
+    expectSobelClose(result[0][1], result[1][1]);
+    EXPECT_EQ(histOf[0], histOf[1]);
+    EXPECT_EQ(gxOf[0], gxOf[1]);
+    EXPECT_EQ(gyOf[0], gyOf[1]);
+  }
+}
+
+// Regions of odd sizes and strides, every bin count: both paths against direct counts and the
+// directly computed gradient statistics (rows that end inside a vector block, rows shorter than
+// one block, a region at the very end of the buffer).
+TEST(FrameStats, RegionsOfAnySizeMatchDirectComputationOnBothPaths) {
+  const Plane view = kocore_test::analysisView("cockatoo_f100_1280x720.nv21");
+  const int regions[][4] = {{0, 0, 640, 360}, {1, 2, 317, 179}, {5, 7, 3, 3},   {600, 300, 40, 60},
+                            {9, 9, 17, 2},    {0, 0, 1, 1},     {33, 1, 31, 9}, {638, 0, 2, 360}};
+  for (int simd = 0; simd < 2; ++simd) {
+    SimdScope scope(simd != 0);
+    for (const auto& r : regions) {
+      SCOPED_TRACE(std::to_string(simd) + ": " + std::to_string(r[0]) + "," + std::to_string(r[1]) +
+                   " " + std::to_string(r[2]) + "x" + std::to_string(r[3]));
+      const uint8_t* origin = view.data() + r[1] * view.w + r[0];
+      for (int bins : {1, 2, 8, 32, 64, 256}) {
+        std::vector<uint32_t> hist(bins), ref(bins, 0);
+        ASSERT_EQ(0, DexFrameMetaData::genHistogramPow2(origin, hist.data(), r[2], r[3], view.w, bins));
+        for (int y = 0; y < r[3]; ++y)
+          for (int x = 0; x < r[2]; ++x) ++ref[origin[y * view.w + x] * bins / 256];
+        EXPECT_EQ(ref, hist) << bins;
+      }
+      KO_dataStats_t s{};
+      ASSERT_EQ(0, DexFrameMetaData::calcSobel2DRegion(view.data(), s, r[0], r[1], r[2], r[3], view.w, 0));
+      if (r[2] > 2 && r[3] > 2) {
+        expectSobelClose(referenceSobel(origin, r[2], r[3], view.w), s);
+      } else {
+        EXPECT_TRUE(sameStats(KO_dataStats_t{}, s)) << "no interior pixels";
+      }
+      // The region copied out as its own image: bytes and frame statistics.
+      const Plane crop = kocore_test::crop(view, r[0], r[1], r[2], r[3]);
+      const Plane next = kocore_test::crop(kocore_test::analysisView("cockatoo_f101_1280x720.nv21"),
+                                           r[0], r[1], r[2], r[3]);
+      const int n = r[2] * r[3];
+      KO_dataStats_t luma{}, diff{}, sobel{};
+      std::vector<int16_t> gx(n), gy(n);
+      ASSERT_EQ(0, DexFrameMetaData::calcSmallFrameStats(crop.data(), next.data(), r[2], r[3], &luma,
+                                                         &sobel, &diff, nullptr, 0, gx.data(), gy.data()));
+      uint64_t sum = 0, sumSq = 0, dsum = 0;
+      int lo = 255, hi = 0, dhi = 0;
+      for (int i = 0; i < n; ++i) {
+        const int v = crop.px[i], d = std::abs(v - next.px[i]);
+        sum += v;
+        sumSq += v * v;
+        lo = std::min(lo, v);
+        hi = std::max(hi, v);
+        dsum += d;
+        dhi = std::max(dhi, d);
+      }
+      const double mean = static_cast<double>(sum) / n;
+      EXPECT_FLOAT_EQ(static_cast<float>(mean), luma.mean);
+      EXPECT_NEAR(std::sqrt(std::max(0.0, static_cast<double>(sumSq) / n - mean * mean)), luma.stddev, 1e-3);
+      EXPECT_EQ(static_cast<float>(lo), luma.min);
+      EXPECT_EQ(static_cast<float>(hi), luma.max);
+      EXPECT_FLOAT_EQ(static_cast<float>(static_cast<double>(dsum) / n), diff.mean);
+      EXPECT_EQ(static_cast<float>(dhi), diff.max);
+      // The same pixels as a region of the view and as an image of their own.
+      EXPECT_TRUE(sameStats(s, sobel));
+    }
+  }
 }
 
 // B is A translated by (sx, sy): both are 640x360 crops of the larger group photo.
@@ -225,6 +429,35 @@ TEST(FrameKernelArguments, RejectNullAndBadSizes) {
   EXPECT_FLOAT_EQ(1.0f, M::calcBhattacharyyaCoeff(h, h, 0));
   EXPECT_EQ(-1, M::KoCalcMeanStddevMinMeanQueue(nullptr, &st, 5, 0, 0));
   EXPECT_EQ(0, std::memcmp(&st, &untouched, sizeof st));
+}
+
+TEST(FrameKernelArguments, FusedStepRejectsNullAndBadSizesWithoutWriting) {
+  std::vector<uint8_t> img(64 * 64, 9);
+  std::vector<int16_t> gx(64 * 64, 1), gy(64 * 64, 1);
+  std::vector<uint32_t> hist(32, 7);
+  KO_dataStats_t l{1, 2, 3, 4, 5}, s = l, d = l;
+  const KO_dataStats_t untouched = l;
+  using M = DexFrameMetaData;
+  EXPECT_EQ(-1, M::calcSmallFrameStats(nullptr, img.data(), 64, 64, &l, &s, &d, hist.data(), 32, gx.data(), gy.data()));
+  EXPECT_EQ(-1, M::calcSmallFrameStats(img.data(), img.data(), 64, 64, nullptr, &s, &d, hist.data(), 32, gx.data(), gy.data()));
+  EXPECT_EQ(-1, M::calcSmallFrameStats(img.data(), img.data(), 64, 64, &l, &s, nullptr, hist.data(), 32, gx.data(), gy.data()));
+  EXPECT_EQ(-1, M::calcSmallFrameStats(img.data(), img.data(), 64, 64, &l, &s, &d, hist.data(), 32, gx.data(), nullptr));
+  EXPECT_EQ(-1, M::calcSmallFrameStats(img.data(), img.data(), 0, 64, &l, &s, &d, hist.data(), 32, gx.data(), gy.data()));
+  EXPECT_EQ(-1, M::calcSmallFrameStats(img.data(), img.data(), 64, -1, &l, &s, &d, hist.data(), 32, gx.data(), gy.data()));
+  EXPECT_EQ(-1, M::calcSmallFrameStats(img.data(), img.data(), 64, 64, &l, &s, &d, hist.data(), 48, gx.data(), gy.data()));
+  EXPECT_EQ(-1, M::calcSmallFrameStats(img.data(), img.data(), 64, 64, &l, &s, &d, hist.data(), 0, gx.data(), gy.data()));
+  EXPECT_EQ(0, std::memcmp(&l, &untouched, sizeof l));
+  EXPECT_EQ(0, std::memcmp(&s, &untouched, sizeof s));
+  EXPECT_EQ(0, std::memcmp(&d, &untouched, sizeof d));
+  for (uint32_t c : hist) EXPECT_EQ(7u, c);
+  for (int16_t v : gx) EXPECT_EQ(1, v);
+  // A flat image: no spread, no gradient, no difference to itself; every pixel in one bin.
+  ASSERT_EQ(0, M::calcSmallFrameStats(img.data(), img.data(), 64, 64, &l, &s, &d, hist.data(), 32, gx.data(), gy.data()));
+  EXPECT_EQ(9.0f, l.mean);
+  EXPECT_EQ(0.0f, l.stddev);
+  EXPECT_EQ(0.0f, s.max);
+  EXPECT_EQ(0.0f, d.max);
+  EXPECT_EQ(64u * 64u, hist[1]);
 }
 
 }  // namespace
