@@ -650,15 +650,17 @@ void KoEngineFg::processFrameStats(sp<KoFrameData>& current, sp<KoFrameData>& pr
     f->mSmallImageReady = true;
   }
 
+  // Luma, Sobel, difference and histogram in one call: two passes over the small image, the
+  // same results as the four kernels one after the other.
   KO_dataStats_t luma, sobel, diff;
   memset(&luma, 0, sizeof(luma));
   memset(&sobel, 0, sizeof(sobel));
   memset(&diff, 0, sizeof(diff));
-  const int n = sw * sh;
-  DexFrameMetaData::calcMeanStddev(curSmall, &luma, n);
-  DexFrameMetaData::calcSobelFrame(curSmall, &sobel, sw, sh, 0, reinterpret_cast<int16_t*>(sobel1),
-                                   reinterpret_cast<int16_t*>(sobel2));
-  DexFrameMetaData::calcMFrameDiff(curSmall, prevSmall, &diff, n);
+  DexFrameMetaData::calcSmallFrameStats(curSmall, prevSmall, sw, sh, &luma, &sobel, &diff,
+                                        current->mHistogram,
+                                        static_cast<int>(current->mHistogramBins),
+                                        reinterpret_cast<int16_t*>(sobel1),
+                                        reinterpret_cast<int16_t*>(sobel2));
 
   current->mStatsWidth = current->mSmallWidth;
   current->mStatsHeight = current->mSmallHeight;
@@ -667,10 +669,6 @@ void KoEngineFg::processFrameStats(sp<KoFrameData>& current, sp<KoFrameData>& pr
   current->mSobelStats = sobel;
   memcpy(current->mStatsParams, kStatsParams, sizeof(kStatsParams));
   for (Vector<KO_dataStats_t>& v : current->mStatsVectors) v.clear();
-  if (current->mHistogram) {
-    DexFrameMetaData::genHistogramPow2(curSmall, current->mHistogram, sw, sh, sw,
-                                       static_cast<int>(current->mHistogramBins));
-  }
   current->setProcessedEvents(KoFrameData::EVENT_STATS);
 }
 

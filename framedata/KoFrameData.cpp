@@ -9,58 +9,81 @@ namespace android {
 
 pthread_mutex_t KoFrameData::gFrameDataMutex = PTHREAD_MUTEX_INITIALIZER;
 
-KoFrameData::KoFrameData()
-    : mTimestamp(0),
-      mFrameId(0),
-      mHasZsl(0),
-      mWidth(0),
-      mHeight(0),
-      mAnalysisWidth(0),
-      mAnalysisHeight(0),
-      mSmallWidth(0),
-      mSmallHeight(0),
-      mAnalysisImage(nullptr),
-      mSmallImageReady(false),
-      mFeScore(0),
-      mAuxScore(0.0f),
-      mFacesScore(0.0f),
-      mBsScore(0.0f),
-      mStatsWidth(0),
-      mStatsHeight(0),
-      mStatsParams{0, 0, 0, 0, 0},
-      mLumaStats(),
-      mDiffStats(),
-      mSobelStats(),
-      mHistogramBins(0),
-      mHistogram(nullptr),
-      mMotionResult{},
-      mAccelSample(),
-      mGyroSample(),
-      mOrientSample(),
-      mMagneticSample(),
-      mSensorEnabled{0, 0, 0, 0},
-      mCafState(0),
-      mLensPos(0),
-      mAfRoiType(0),
-      mAfNumRoi(0),
-      mAfWindow{0, 0, 0, 0},
-      mZoom(0),
-      mOrientation(0),
-      mLuxLevel(0),
-      mAecState(0),
-      mAwbState(0),
-      mLuxIdx(0.0f),
-      mExpTime(0.0f),
-      mStreamType(0),
-      mPreviewWidth(0),
-      mPreviewHeight(0),
-      mAnalysisImageSize(0),
-      mFaceRefWidth(0),
-      mFaceRefHeight(0),
-      mCamMotion{},
-      mProcessedEvents(0) {
-  memset(&mFaceData, 0, sizeof(mFaceData));
+KoFrameData::KoFrameData() : mAnalysisImage(nullptr), mHistogram(nullptr), mProcessedEvents(0) {
+  clearValues();
   pthread_mutex_init(&mZslLock, nullptr);
+}
+
+KoFrameData::KoFrameData(KoRecycler<KoFrameData>* recycler) : KoFrameData() {
+  extendObjectLifetime(OBJECT_LIFETIME_WEAK);
+  mRecycler = recycler;
+}
+
+void KoFrameData::clearValues() {
+  mTimestamp = 0;
+  mFrameId = 0;
+  mHasZsl = 0;
+  mWidth = 0;
+  mHeight = 0;
+  mAnalysisWidth = 0;
+  mAnalysisHeight = 0;
+  mSmallWidth = 0;
+  mSmallHeight = 0;
+  mAnalysisImage = nullptr;
+  mSmallImageReady = false;
+  mFeScore = 0;
+  mAuxScore = 0.0f;
+  mFacesScore = 0.0f;
+  mBsScore = 0.0f;
+  mStatsWidth = 0;
+  mStatsHeight = 0;
+  memset(mStatsParams, 0, sizeof(mStatsParams));
+  mLumaStats = KO_dataStats_t();
+  mDiffStats = KO_dataStats_t();
+  mSobelStats = KO_dataStats_t();
+  mHistogramBins = 0;
+  memset(mMotionResult, 0, sizeof(mMotionResult));
+  memset(&mFaceData, 0, sizeof(mFaceData));
+  mAccelSample = KoSensorSample();
+  mGyroSample = KoSensorSample();
+  mOrientSample = KoSensorSample();
+  mMagneticSample = KoSensorSample();
+  memset(mSensorEnabled, 0, sizeof(mSensorEnabled));
+  mCafState = 0;
+  mLensPos = 0;
+  mAfRoiType = 0;
+  mAfNumRoi = 0;
+  memset(mAfWindow, 0, sizeof(mAfWindow));
+  mZoom = 0;
+  mOrientation = 0;
+  mLuxLevel = 0;
+  mAecState = 0;
+  mAwbState = 0;
+  mLuxIdx = 0.0f;
+  mExpTime = 0.0f;
+  mStreamType = 0;
+  mPreviewWidth = 0;
+  mPreviewHeight = 0;
+  mAnalysisImageSize = 0;
+  mFaceRefWidth = 0;
+  mFaceRefHeight = 0;
+  memset(mCamMotion, 0, sizeof(mCamMotion));
+  mProcessedEvents.store(0, std::memory_order_relaxed);
+}
+
+void KoFrameData::reuse() {
+  clearValues();
+  if (mHistogram) memset(mHistogram, 0, HISTOGRAM_BINS * sizeof(uint32_t));
+}
+
+void KoFrameData::onLastStrongRef(const void* /*id*/) {
+  // What the frame holds of others goes now; its own images stay for the next use.
+  sp<KoRecycler<KoFrameData>> recycler = mRecycler.promote();
+  if (recycler == nullptr) return;
+  setZslBuffer(nullptr);
+  mMetaBuffer.clear();
+  for (Vector<KO_dataStats_t>& v : mStatsVectors) v.clear();
+  recycler->giveBack(this);
 }
 
 KoFrameData::~KoFrameData() {

@@ -17,6 +17,7 @@
 #include "KoEngineTypes.h"
 #include "KoFaceMetaData.h"
 #include "KoImagePool.h"
+#include "KoRecycler.h"
 #include "KoSensorSample.h"
 
 namespace android {
@@ -46,6 +47,13 @@ class KoFrameData : public RefBase {
   };
 
   KoFrameData();
+  // A frame that goes back to `recycler` when its last strong reference goes, keeping its image
+  // memory, to be handed out again by KoRecycler::obtain.
+  explicit KoFrameData(KoRecycler<KoFrameData>* recycler);
+
+  // Back to the state of a new frame, keeping the image buffers and the histogram block (their
+  // contents are stale until the frame is filled again). Called by the recycler.
+  void reuse();
 
   // ORs bits into mProcessedEvents. Safe to call while holding gFrameDataMutex: the mutex is
   // only tried, never waited for, and a caller that holds it keeps it.
@@ -131,9 +139,13 @@ class KoFrameData : public RefBase {
 
  protected:
   virtual ~KoFrameData();
+  void onLastStrongRef(const void* id) override;
 
  private:
+  void clearValues();
+
   mutable pthread_mutex_t mZslLock;
+  wp<KoRecycler<KoFrameData>> mRecycler;
 
   KoFrameData(const KoFrameData&) = delete;
   KoFrameData& operator=(const KoFrameData&) = delete;

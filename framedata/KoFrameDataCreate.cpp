@@ -56,7 +56,8 @@ KoFrameDataCreate::KoFrameDataCreate(KoEngineContext* engine)
       mLastGyroSample(),
       mLastOrientSample(),
       mLastMagneticSample(),
-      mImagePool(new KoImagePool()) {
+      mImagePool(new KoImagePool()),
+      mFrameRecycler(new KoRecycler<KoFrameData>(kKeptFrames)) {
   setup();
 }
 
@@ -106,7 +107,11 @@ status_t KoFrameDataCreate::newFrame(KO_PreviewFrameData_t* preview, sp<KoFrameD
     ALOG(LOG_ERROR, LOG_TAG, "%s: failed to add history frame", kNewFrameSignature);
     return 0;
   }
-  sp<KoFrameData> frame = new KoFrameData();
+  sp<KoFrameData> frame = mFrameRecycler->obtain();
+  if (frame == nullptr) {
+    ALOG(LOG_ERROR, LOG_TAG, "%s: failed to add history frame", kNewFrameSignature);
+    return 0;
+  }
   frame->mImagePool = mImagePool;
   frame->mStreamType = preview->streamType;
   const bool knownStream =
@@ -135,7 +140,9 @@ status_t KoFrameDataCreate::newFrame(KO_PreviewFrameData_t* preview, sp<KoFrameD
   }
   getSensorData(frame);
   frame->mHistogramBins = KoFrameData::HISTOGRAM_BINS;
-  frame->mHistogram = static_cast<uint32_t*>(malloc(KoFrameData::HISTOGRAM_BINS * sizeof(uint32_t)));
+  if (!frame->mHistogram) {
+    frame->mHistogram = static_cast<uint32_t*>(malloc(KoFrameData::HISTOGRAM_BINS * sizeof(uint32_t)));
+  }
   out = frame;
   return 0;
 }
@@ -242,9 +249,27 @@ status_t KoFrameDataCreate::downscaleImage(KO_cam_frame_len_offset_t* planes, sp
   frame->mWidth = outW;
   frame->mHeight = outH;
 
+  // Images are kept by the frame record (records are recycled) and taken from the image pool
+  // only when the record has none of the right size.
+  KoImagePool* pool = mImagePool.get();
   const size_t outBytes = static_cast<size_t>(outW) * outH * 3 / 2;
-  uint8_t* out = mImagePool->take(outBytes);
-  if (!out) return NO_MEMORY;
+  if (frame->mDownscaledImage != nullptr && frame->mDownscaledImage->capacity() != outBytes) {
+    pool->give(frame->mDownscaledImage->base(), frame->mDownscaledImage->capacity());
+    frame->mDownscaledImage.clear();
+  }
+  if (frame->mDownscaledImage == nullptr) {
+    frame->mDownscaledImage = allocImage(pool, outBytes);
+    if (frame->mDownscaledImage == nullptr) return NO_MEMORY;
+  }
+  if (frame->mSmallImage == nullptr) frame->mSmallImage = allocImage(pool, KoFrameData::SMALL_IMAGE_BYTES);
+  if (frame->mSobelBuffer1 == nullptr) frame->mSobelBuffer1 = allocImage(pool, KoFrameData::SOBEL_BUFFER_BYTES);
+  if (frame->mSobelBuffer2 == nullptr) frame->mSobelBuffer2 = allocImage(pool, KoFrameData::SOBEL_BUFFER_BYTES);
+  // A frame that lacks any of them is lost; what it got goes back with the record.
+  if (frame->mSmallImage == nullptr || frame->mSobelBuffer1 == nullptr || frame->mSobelBuffer2 == nullptr) {
+    return NO_MEMORY;
+  }
+
+  uint8_t* out = frame->mDownscaledImage->base();
   uint8_t* planeA = out + static_cast<size_t>(outW) * outH;
   uint8_t* planeB = planeA + static_cast<size_t>(outW / 2) * (outH / 2);
   const uint8_t* chroma = data + planes->mp[0].len + planes->mp[1].offset;
@@ -258,35 +283,24 @@ status_t KoFrameDataCreate::downscaleImage(KO_cam_frame_len_offset_t* planes, sp
   // its small image is made by the foreground.
   const int bandTop = static_cast<int>(outH) - static_cast<int>(KoFrameData::ANALYSIS_HEIGHT);
   if (fixedSize && outW == 2 * KoFrameData::SMALL_WIDTH && bandTop >= 0) {
-    uint8_t* smallImage = mImagePool->take(KoFrameData::SMALL_IMAGE_BYTES);
-    if (!smallImage) {
-      mImagePool->give(out, outBytes);
-      return NO_MEMORY;
-    }
     if (KoFrameReducer::reduceNv21(data, width, chroma, chromaStride, width, height, out,
-                                   static_cast<int>(outW), static_cast<int>(outH), smallImage,
-                                   bandTop / 2, static_cast<int>(KoFrameData::SMALL_HEIGHT)) != 0) {
-      mImagePool->give(smallImage, KoFrameData::SMALL_IMAGE_BYTES);
-      mImagePool->give(out, outBytes);
+                                   static_cast<int>(outW), static_cast<int>(outH),
+                                   frame->mSmallImage->data(), bandTop / 2,
+                                   static_cast<int>(KoFrameData::SMALL_HEIGHT)) != 0) {
       return BAD_VALUE;
     }
-    frame->mSmallImage = new ABuffer(smallImage, KoFrameData::SMALL_IMAGE_BYTES);
     frame->mSmallImageReady = true;
   } else {
     fcvScaleDownMNu8(data, width, height, planes->mp[0].stride, out, outW, outH, outW);
-    const unsigned int tempBytes = outW * outH / 2;
-    uint8_t* temp = static_cast<uint8_t*>(fcvMemAlloc(tempBytes, 16));
-    if (!temp) {
-      mImagePool->give(out, outBytes);
-      return NO_MEMORY;
-    }
+    const size_t tempBytes = static_cast<size_t>(outW) * outH / 2;
+    uint8_t* temp = pool->take(tempBytes);
+    if (!temp) return NO_MEMORY;
     fcvScaleDownMNInterleaveu8(chroma, width / 2, height / 2, chromaStride, temp, outW / 2, outH / 2, outW);
     // Source pairs are V,U: the first byte of each pair goes to plane B, the second to plane A.
     libyuv::SplitUVPlane(temp, static_cast<int>(outW), planeB, cw, planeA, cw, cw, ch);
-    fcvMemFree(temp);
+    pool->give(temp, tempBytes);
   }
 
-  frame->mDownscaledImage = new ABuffer(out, outBytes);
   frame->mAnalysisWidth = KoFrameData::ANALYSIS_WIDTH;
   frame->mAnalysisHeight = KoFrameData::ANALYSIS_HEIGHT;
   frame->mAnalysisImageSize = KoFrameData::ANALYSIS_IMAGE_BYTES;
@@ -300,23 +314,6 @@ status_t KoFrameDataCreate::downscaleImage(KO_cam_frame_len_offset_t* planes, sp
     ALOG(LOG_WARN, LOG_TAG, "%s: %ux%u holds no %ux%u analysis view", "downscaleImage", outW, outH,
          static_cast<unsigned>(KoFrameData::ANALYSIS_WIDTH), static_cast<unsigned>(KoFrameData::ANALYSIS_HEIGHT));
   }
-
-  KoImagePool* pool = mImagePool.get();
-  sp<ABuffer> small = frame->mSmallImage != nullptr ? frame->mSmallImage
-                                                   : allocImage(pool, KoFrameData::SMALL_IMAGE_BYTES);
-  sp<ABuffer> sobel1 = allocImage(pool, KoFrameData::SOBEL_BUFFER_BYTES);
-  sp<ABuffer> sobel2 = allocImage(pool, KoFrameData::SOBEL_BUFFER_BYTES);
-  if (small == nullptr || sobel1 == nullptr || sobel2 == nullptr) {
-    for (sp<ABuffer>* b : {&small, &sobel1, &sobel2}) {
-      if (*b != nullptr) pool->give((*b)->base(), (*b)->capacity());
-    }
-    frame->mSmallImage.clear();
-    frame->mSmallImageReady = false;
-    return NO_MEMORY;
-  }
-  frame->mSmallImage = small;
-  frame->mSobelBuffer1 = sobel1;
-  frame->mSobelBuffer2 = sobel2;
   return 0;
 }
 

@@ -51,6 +51,9 @@ class KoFrameDataCreate {
  private:
   std::vector<ASensorEvent> mSensorEvents;  // read buffer of getSensorData
   sp<KoImagePool> mImagePool;               // the frames' image memory, reused
+  // Released frame records kept for the next frames, with their images.
+  static constexpr size_t kKeptFrames = 8;
+  sp<KoRecycler<KoFrameData>> mFrameRecycler;
 
   KoFrameDataCreate(const KoFrameDataCreate&) = delete;
   KoFrameDataCreate& operator=(const KoFrameDataCreate&) = delete;

@@ -29,7 +29,7 @@ ssize_t findNewest(const Vector<Item*>& list, uint32_t frameId) {
 
 }  // namespace
 
-KoFrameHist::KoFrameHist() {}
+KoFrameHist::KoFrameHist() { mSpareNodes.reserve(kSpareNodes); }
 
 KoFrameHist::~KoFrameHist() {
   while (!mFaceItems.isEmpty()) {
@@ -113,7 +113,15 @@ void KoFrameHist::addFrameData(sp<KoFrameData>& frame) {
     mZslItems.removeAt(i);
     freeZslDataItem(item);
   }
-  mHistory.push_back(new KoFrameHistNode(frame, memory));
+  if (!mSpareNodes.empty()) {
+    sp<KoFrameHistNode> node = mSpareNodes.back();
+    mSpareNodes.pop_back();
+    node->mFrameData = frame;
+    node->mZslMemory = memory;
+    mHistory.push_back(node);
+  } else {
+    mHistory.push_back(new KoFrameHistNode(frame, memory));
+  }
   performMaintenanceId(id);
 }
 
@@ -201,6 +209,11 @@ void KoFrameHist::removeOldestItem() {
   sp<KoFrameHistNode> node = mHistory[0];
   if (node->mZslMemory != nullptr) node->mZslMemory->updateStatus(KOMEMORY_OUT_OF_HISTORY);
   mHistory.removeAt(0);
+  if (node->getStrongCount() == 1 && mSpareNodes.size() < kSpareNodes) {
+    node->mZslMemory.clear();
+    node->mFrameData.clear();
+    mSpareNodes.push_back(node);
+  }
 }
 
 void KoFrameHist::removeOldestItems(uint32_t n) {

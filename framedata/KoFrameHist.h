@@ -5,6 +5,8 @@
 // until the frame comes or it can no longer find it.
 #include <cstdint>
 
+#include <vector>
+
 #include <utils/Vector.h>
 
 #include "ABuffer.h"
@@ -66,6 +68,11 @@ class KoFrameHist : public KoFrameHistBase {
   static void mergeMeta(KoFrameData* frame, const sp<ABuffer>& metaBuffer, int32_t luxLevel,
                         int32_t aecState, int32_t awbState, float luxIdx, float expTime);
   static void mergeZsl(sp<KoFrameData>& frame, const sp<KoMemoryBuffer>& memory);
+
+  // History entries dropped from the front that nothing else held, for the next frames (the
+  // history lives on the foreground thread; capture snapshots make entries of their own).
+  static constexpr size_t kSpareNodes = 4;
+  std::vector<sp<KoFrameHistNode>> mSpareNodes;
 
   KoFrameHist(const KoFrameHist&) = delete;
   KoFrameHist& operator=(const KoFrameHist&) = delete;

@@ -4,7 +4,6 @@
 // nanoseconds on the same clock: intervals given in microseconds are multiplied by 1000 before
 // they are compared with the samples.
 #include <cstdint>
-#include <deque>
 #include <mutex>
 
 #include "KoEngineTypes.h"
@@ -65,13 +64,24 @@ class DexCameraMotion {
     int64_t ts;  // nanoseconds
     float x, y, z;
   };
-  static void push(std::deque<Sample>& q, const KO_sensorSample_t& s);
-  static void select(const std::deque<Sample>& q, int64_t startNs, int64_t endNs,
-                     std::deque<Sample>& out);
+  // The newest MAX_SAMPLES samples of one sensor, oldest first; a fixed ring, so that keeping
+  // samples never allocates.
+  struct Samples {
+    Sample ring[MAX_SAMPLES];
+    size_t first = 0;
+    size_t count = 0;
+    const Sample& at(size_t i) const { return ring[(first + i) % MAX_SAMPLES]; }
+    const Sample& back() const { return at(count - 1); }
+    void push(const Sample& s);
+  };
+  // Samples of q in [startNs, endNs]: indexes [*begin, *end) of q; with none inside, the
+  // newest sample not after the interval (else the newest kept) as a range of one.
+  static void select(const Samples& q, int64_t startNs, int64_t endNs, size_t* begin, size_t* end);
+  static void push(Samples& q, const KO_sensorSample_t& s);
 
   std::mutex mLock;  // readSensorData runs on the foreground thread, queries on the background
-  std::deque<Sample> mGyro;
-  std::deque<Sample> mAccel;
+  Samples mGyro;
+  Samples mAccel;
 };
 
 }  // namespace android

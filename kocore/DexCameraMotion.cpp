@@ -14,11 +14,20 @@ constexpr const char* kTag = "DexCameraMotion";
 DexCameraMotion::DexCameraMotion() = default;
 DexCameraMotion::~DexCameraMotion() = default;
 
-void DexCameraMotion::push(std::deque<Sample>& q, const KO_sensorSample_t& s) {
-  if (s.timeStamp == 0) return;                           // no event yet
-  if (!q.empty() && s.timeStamp <= q.back().ts) return;   // repeated or late
-  q.push_back({s.timeStamp, s.x, s.y, s.z});
-  while (q.size() > MAX_SAMPLES) q.pop_front();
+void DexCameraMotion::Samples::push(const Sample& s) {
+  if (count < MAX_SAMPLES) {
+    ring[(first + count) % MAX_SAMPLES] = s;
+    ++count;
+  } else {
+    ring[first] = s;  // the oldest goes
+    first = (first + 1) % MAX_SAMPLES;
+  }
+}
+
+void DexCameraMotion::push(Samples& q, const KO_sensorSample_t& s) {
+  if (s.timeStamp == 0) return;                               // no event yet
+  if (q.count > 0 && s.timeStamp <= q.back().ts) return;      // repeated or late
+  q.push(Sample{s.timeStamp, s.x, s.y, s.z});
 }
 
 int DexCameraMotion::readSensorData(int64_t /*ts*/, uint32_t /*frameId*/,
@@ -29,20 +38,28 @@ int DexCameraMotion::readSensorData(int64_t /*ts*/, uint32_t /*frameId*/,
   return 0;
 }
 
-void DexCameraMotion::select(const std::deque<Sample>& q, int64_t startNs, int64_t endNs,
-                             std::deque<Sample>& out) {
-  for (const Sample& s : q) {
-    if (s.ts >= startNs && s.ts <= endNs) out.push_back(s);
+void DexCameraMotion::select(const Samples& q, int64_t startNs, int64_t endNs, size_t* begin,
+                             size_t* end) {
+  // Samples are in time order, so the ones inside form one run.
+  size_t b = 0;
+  while (b < q.count && q.at(b).ts < startNs) ++b;
+  size_t e = b;
+  while (e < q.count && q.at(e).ts <= endNs) ++e;
+  if (e > b || q.count == 0) {
+    *begin = b;
+    *end = e;
+    return;
   }
-  if (!out.empty() || q.empty()) return;
   // Nothing inside: the newest sample not after the interval, else the newest kept.
-  for (auto it = q.rbegin(); it != q.rend(); ++it) {
-    if (it->ts <= endNs) {
-      out.push_back(*it);
-      return;
+  size_t pick = q.count - 1;
+  for (size_t i = q.count; i-- > 0;) {
+    if (q.at(i).ts <= endNs) {
+      pick = i;
+      break;
     }
   }
-  out.push_back(q.back());
+  *begin = pick;
+  *end = pick + 1;
 }
 
 int DexCameraMotion::getCamMotionType(int64_t tsStart, int64_t tsEnd, KO_camMotionType_t* out) {
@@ -54,34 +71,34 @@ int DexCameraMotion::getCamMotionType(int64_t tsStart, int64_t tsEnd, KO_camMoti
   }
   if (tsEnd - tsStart < MIN_WINDOW_US) tsStart = tsEnd - MIN_WINDOW_US;
   const int64_t startNs = tsStart * 1000, endNs = tsEnd * 1000;
-  std::deque<Sample> gyro, accel;
-  {
-    std::lock_guard<std::mutex> lock(mLock);
-    select(mGyro, startNs, endNs, gyro);
-    select(mAccel, startNs, endNs, accel);
-  }
+  std::lock_guard<std::mutex> lock(mLock);
+  size_t gyroBegin = 0, gyroEnd = 0, accelBegin = 0, accelEnd = 0;
+  select(mGyro, startNs, endNs, &gyroBegin, &gyroEnd);
+  select(mAccel, startNs, endNs, &accelBegin, &accelEnd);
   KO_camMotionType_t r{};
-  if (!accel.empty()) {
+  if (accelEnd > accelBegin) {
     double m[3] = {0, 0, 0}, q[3] = {0, 0, 0};
-    for (const Sample& s : accel) {
+    for (size_t k = accelBegin; k < accelEnd; ++k) {
+      const Sample& s = mAccel.at(k);
       const double v[3] = {s.x, s.y, s.z};
       for (int i = 0; i < 3; ++i) {
         m[i] += v[i];
         q[i] += v[i] * v[i];
       }
     }
-    const double n = static_cast<double>(accel.size());
+    const double n = static_cast<double>(accelEnd - accelBegin);
     double var = 0;
     for (int i = 0; i < 3; ++i) var += std::max(0.0, q[i] / n - (m[i] / n) * (m[i] / n));
     r.accelVariance = static_cast<float>(var);
   }
-  if (gyro.empty()) {
+  if (gyroEnd == gyroBegin) {
     r.mode = MODE_UNKNOWN;
     *out = r;
     return 0;
   }
   double sum = 0, peak = 0, vx = 0, vy = 0, vz = 0;
-  for (const Sample& s : gyro) {
+  for (size_t k = gyroBegin; k < gyroEnd; ++k) {
+    const Sample& s = mGyro.at(k);
     const double mag = std::sqrt(double(s.x) * s.x + double(s.y) * s.y + double(s.z) * s.z);
     sum += mag;
     peak = std::max(peak, mag);
@@ -89,15 +106,16 @@ int DexCameraMotion::getCamMotionType(int64_t tsStart, int64_t tsEnd, KO_camMoti
     vy += s.y;
     vz += s.z;
   }
-  const double n = static_cast<double>(gyro.size());
+  const size_t gyroCount = gyroEnd - gyroBegin;
+  const double n = static_cast<double>(gyroCount);
   const double mean = sum / n;
   const double meanVec = std::sqrt(vx * vx + vy * vy + vz * vz) / n;  // sustained rotation
-  r.numSamples = static_cast<int32_t>(gyro.size());
+  r.numSamples = static_cast<int32_t>(gyroCount);
   r.gyroMean = static_cast<float>(mean);
   r.gyroMax = static_cast<float>(peak);
   if (mean < STEADY_MEAN && peak < STEADY_MAX) {
     r.mode = MODE_STEADY;
-  } else if (gyro.size() >= 3 && meanVec >= PAN_RATE && meanVec >= PAN_COHERENCE * mean) {
+  } else if (gyroCount >= 3 && meanVec >= PAN_RATE && meanVec >= PAN_COHERENCE * mean) {
     r.mode = MODE_PANNING;
   } else if (mean >= SHAKE_MEAN || peak >= SHAKE_MAX) {
     r.mode = MODE_SHAKING;

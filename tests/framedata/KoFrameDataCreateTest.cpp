@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <thread>
 
 #include "DexFrameMetaData.h"
 #include "FrameTestSupport.h"
@@ -346,7 +347,7 @@ TEST_F(FrameCreation, SensorSamplesAreTheNewestAndRepeatWhenNothingArrives) {
   EXPECT_EQ(third->mSensorEnabled[0], 0);
 }
 
-TEST_F(FrameCreation, SmallImageComesWithTheFrameAndImageMemoryIsReused) {
+TEST_F(FrameCreation, SmallImageComesWithTheFrameAndRecordsAreReused) {
   TestEngineContext engine;
   KoFrameDataCreate* factory = new KoFrameDataCreate(&engine);
   CameraFrame cam = cut(solvay, 1920, 1080, 0, 0, 1920, 1080, 1920);
@@ -364,18 +365,33 @@ TEST_F(FrameCreation, SmallImageComesWithTheFrameAndImageMemoryIsReused) {
   ASSERT_EQ(factory->newFrame(&vga.preview, general), 0);
   EXPECT_FALSE(general->mSmallImageReady);
 
-  // The next frame gets the memory of a released one instead of fresh pages.
+  // A frame released on another thread comes back as the next frame's record, with its images
+  // but nothing else of its past: values cleared, the ZSL handle it held let go.
+  KoFrameData* firstRecord = first.get();
   uint8_t* firstImage = first->mDownscaledImage->base();
-  first.clear();
+  sp<ABuffer> handle = new ABuffer(4);
+  first->setZslBuffer(handle);
+  first->mBsScore = 7.5f;
+  first->setProcessedEvents(KoFrameData::EVENT_STATS | KoFrameData::EVENT_IN_HISTORY);
+  std::thread([&first] { first.clear(); }).join();
+  EXPECT_EQ(handle->getStrongCount(), 1);
   sp<KoFrameData> second;
+  cam.preview.frameId = 43;
   ASSERT_EQ(factory->newFrame(&cam.preview, second), 0);
+  EXPECT_EQ(second.get(), firstRecord);
   EXPECT_EQ(second->mDownscaledImage->base(), firstImage);
+  EXPECT_EQ(second->mFrameId, 43u);
+  EXPECT_EQ(second->mBsScore, 0.0f);
+  EXPECT_EQ(second->processedEvents(), 0u);
+  EXPECT_EQ(second->zslBuffer(), nullptr);
+  EXPECT_TRUE(second->mSmallImageReady);
+  EXPECT_EQ(0, memcmp(want.data(), second->mSmallImage->data(), want.size()));
   // More frames at once than the pool keeps, all released; then the factory goes while a
   // frame still lives: that frame's memory is freed with it (the leak checker would say).
   std::vector<sp<KoFrameData>> many(12);
   for (sp<KoFrameData>& f : many) ASSERT_EQ(factory->newFrame(&cam.preview, f), 0);
   many.clear();
   delete factory;
-  EXPECT_EQ(second->mFrameId, 42u);
+  EXPECT_EQ(second->mFrameId, 43u);
   second.clear();
 }

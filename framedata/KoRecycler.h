@@ -1,0 +1,85 @@
+#pragma once
+// Reference-counted records handed out again instead of being deleted and allocated anew: the
+// frame records and history entries made for every preview frame come back here when their last
+// strong reference goes, on whichever thread that is, and the next frame revives one of them.
+//
+// How: a recycled type T is built with OBJECT_LIFETIME_WEAK, so that losing its last strong
+// reference calls T::onLastStrongRef but does not delete it; T then calls giveBack(this), which
+// keeps a weak reference to it (up to `capacity` of them); obtain() revives the newest one with
+// promote(). An object that is not kept (the list is full, or the recycler is gone) has no weak
+// reference left and is deleted as usual. The mutex orders everything the releasing thread did
+// with the object before whatever the next user does with it. T provides:
+//   - a constructor T(KoRecycler<T>*) that calls extendObjectLifetime(OBJECT_LIFETIME_WEAK) and
+//     keeps a wp to the recycler;
+//   - onLastStrongRef: drop what the object holds, then recycler->giveBack(this);
+//   - reuse(): back to the state of a new object (called by obtain on a revived object).
+#include <pthread.h>
+
+#include <new>
+#include <vector>
+
+#include <utils/RefBase.h>
+
+namespace android {
+
+template <typename T>
+class KoRecycler : public RefBase {
+ public:
+  explicit KoRecycler(size_t capacity) {
+    pthread_mutex_init(&mLock, nullptr);
+    mFree.reserve(capacity);  // giving back never allocates (and a std::vector never shrinks)
+    mCapacity = capacity;
+  }
+
+  // A revived object, or a new one; null only when memory runs out.
+  sp<T> obtain() {
+    for (;;) {
+      wp<T> kept;
+      pthread_mutex_lock(&mLock);
+      if (!mFree.empty()) {
+        kept = mFree.back();
+        mFree.pop_back();
+      }
+      pthread_mutex_unlock(&mLock);
+      if (kept == nullptr) break;
+      sp<T> object = kept.promote();
+      if (object != nullptr) {
+        object->reuse();
+        return object;
+      }
+    }
+    return sp<T>(new (std::nothrow) T(this));
+  }
+
+  // Called by T::onLastStrongRef. Keeps the object for obtain() while there is room.
+  void giveBack(T* object) {
+    pthread_mutex_lock(&mLock);
+    if (mFree.size() < mCapacity) mFree.push_back(wp<T>(object));
+    pthread_mutex_unlock(&mLock);
+  }
+
+  // Objects waiting to be reused.
+  size_t kept() const {
+    pthread_mutex_lock(&mLock);
+    const size_t n = mFree.size();
+    pthread_mutex_unlock(&mLock);
+    return n;
+  }
+
+ protected:
+  virtual ~KoRecycler() {
+    // The kept objects lose their last (weak) reference here and are deleted.
+    mFree.clear();
+    pthread_mutex_destroy(&mLock);
+  }
+
+ private:
+  mutable pthread_mutex_t mLock;
+  size_t mCapacity;
+  std::vector<wp<T>> mFree;
+
+  KoRecycler(const KoRecycler&) = delete;
+  KoRecycler& operator=(const KoRecycler&) = delete;
+};
+
+}  // namespace android
