@@ -11,9 +11,9 @@
 // downScaleLuma2x of the band: every output is the overlap-weighted mean of its source area,
 // rounded to nearest, in exact integer arithmetic.
 //
-// The row kernels come in a portable C version and vector versions (SSSE3 on x86, chosen at run
-// time from the CPU; NEON on ARM): all give the same bytes. setSimdEnabled(false) forces the C
-// rows process-wide (for tests and benchmarks).
+// The row kernels come in a portable C version and vector versions (SSSE3 and AVX2 on x86, chosen
+// at run time from the CPU; NEON on ARM): all give the same bytes. setKernels() picks a set
+// process-wide (for tests and benchmarks); setSimdEnabled(false) forces the C rows.
 #include <cstdint>
 
 namespace android {
@@ -33,9 +33,18 @@ class KoFrameReducer {
                         int chromaStride, int srcWidth, int srcHeight, uint8_t* dst, int dstWidth,
                         int dstHeight, uint8_t* small, int bandTop, int smallHeight);
 
-  // Vector rows on (the default where the CPU has them) or off (portable C rows everywhere).
+  // Process-wide choice of the row kernels. Every set gives the same bytes; the default is the
+  // fastest. A set the CPU (or the build) lacks falls back to the next slower one.
+  enum KernelSet {
+    KERNELS_PORTABLE = 0,  // plain C++
+    KERNELS_VECTOR = 1,    // 128-bit vectors: SSSE3 on x86, NEON on ARM
+    KERNELS_FASTEST = 2,   // AVX2 where the CPU has it, else as KERNELS_VECTOR
+  };
+  static void setKernels(KernelSet kernels);
+  static KernelSet kernels();
+  // setSimdEnabled(false) selects KERNELS_PORTABLE, setSimdEnabled(true) KERNELS_FASTEST.
   static void setSimdEnabled(bool enabled);
-  // Name of the row kernels in use: "ssse3", "neon" or "c".
+  // Name of the row kernels in use: "avx2", "ssse3", "neon" or "c".
   static const char* rowKernels();
 
   // Largest reduced width the pass takes (its row scratch lives on the stack).

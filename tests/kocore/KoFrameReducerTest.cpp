@@ -1,5 +1,5 @@
-// The one-pass reducer against the separate reducers it replaces, on real frames, with the
-// vector rows and with the portable rows.
+// The one-pass reducer against the separate reducers it replaces, on real frames, with every set
+// of row kernels (portable, 128-bit vectors, and the widest the CPU has).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -59,7 +59,7 @@ std::vector<uint8_t> separate(const Source& s, int dw, int dh, int bandTop, std:
   return out;
 }
 
-TEST(KoFrameReducer, OnePassEqualsTheSeparateReducersWithVectorAndPortableRows) {
+TEST(KoFrameReducer, OnePassEqualsTheSeparateReducersWithEveryKernelSet) {
   struct Case {
     const char* file;
     int fileW, fileH, x0, w, h, pad, dw, dh;
@@ -68,10 +68,12 @@ TEST(KoFrameReducer, OnePassEqualsTheSeparateReducersWithVectorAndPortableRows) 
       {"solvay_1920x1080.nv21", 1920, 1080, 0, 1920, 1080, 0, 640, 360},
       {"solvay_1920x1080.nv21", 1920, 1080, 240, 1440, 1080, 0, 640, 480},
       {"cockatoo_f100_1280x720.nv21", 1280, 720, 0, 1280, 720, 0, 640, 360},
-      // Padded rows, and widths whose rows end in the portable tail of the vector kernels.
+      // Padded rows, and widths whose rows end in the narrower tails of the vector kernels.
       {"cockatoo_f101_1280x720.nv21", 1280, 720, 0, 1248, 720, 36, 624, 360},
       {"solvay_1920x1080.nv21", 1920, 1080, 6, 1872, 1080, 24, 624, 360},
+      {"solvay_1920x1080.nv21", 1920, 1080, 258, 1404, 1080, 20, 624, 480},
   };
+  using R = KoFrameReducer;
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.file) + " " + std::to_string(c.w) + "x" + std::to_string(c.h));
     const Source s = crop(c.file, c.fileW, c.fileH, c.x0, c.w, c.h, c.pad);
@@ -79,20 +81,39 @@ TEST(KoFrameReducer, OnePassEqualsTheSeparateReducersWithVectorAndPortableRows) 
     const int bandTop = (c.dh - 360) / 2;
     std::vector<uint8_t> wantSmall;
     const std::vector<uint8_t> want = separate(s, c.dw, c.dh, bandTop, &wantSmall);
-    for (bool simd : {true, false}) {
-      KoFrameReducer::setSimdEnabled(simd);
-      SCOPED_TRACE(KoFrameReducer::rowKernels());
+    for (R::KernelSet set : {R::KERNELS_FASTEST, R::KERNELS_VECTOR, R::KERNELS_PORTABLE}) {
+      R::setKernels(set);
+      SCOPED_TRACE(R::rowKernels());
       std::vector<uint8_t> got(want.size(), 0xEE), small(wantSmall.size() + 16, 0xEE);
-      ASSERT_EQ(0, KoFrameReducer::reduceNv21(s.luma.data(), s.stride, s.vu.data(), s.stride, s.w,
-                                              s.h, got.data(), c.dw, c.dh, small.data(), bandTop, 180));
+      ASSERT_EQ(0, R::reduceNv21(s.luma.data(), s.stride, s.vu.data(), s.stride, s.w, s.h,
+                                 got.data(), c.dw, c.dh, small.data(), bandTop, 180));
       EXPECT_TRUE(got == want);
       EXPECT_TRUE(std::equal(wantSmall.begin(), wantSmall.end(), small.begin()));
       EXPECT_EQ(0xEE, small[wantSmall.size()]);  // nothing written past the small image
     }
   }
-  KoFrameReducer::setSimdEnabled(true);
+  // The switch: setSimdEnabled maps onto the sets, and a vector set is in use by default.
+  R::setSimdEnabled(false);
+  EXPECT_EQ(R::KERNELS_PORTABLE, R::kernels());
+  EXPECT_STREQ("c", R::rowKernels());
+  R::setSimdEnabled(true);
+  EXPECT_EQ(R::KERNELS_FASTEST, R::kernels());
 #if defined(__x86_64__) || defined(__ARM_NEON)
-  EXPECT_STRNE("c", KoFrameReducer::rowKernels());
+  EXPECT_STRNE("c", R::rowKernels());
+#if defined(__ARM_NEON)
+  const char* vector = "neon";
+#else
+  const char* vector = "ssse3";
+#endif
+  R::setKernels(R::KERNELS_VECTOR);
+  EXPECT_STREQ(vector, R::rowKernels());
+  R::setKernels(R::KERNELS_FASTEST);
+#endif
+#if defined(__x86_64__)
+  __builtin_cpu_init();
+  if (__builtin_cpu_supports("avx2")) {
+    EXPECT_STREQ("avx2", R::rowKernels());
+  }
 #endif
 }
 
