@@ -24,15 +24,17 @@ thread_local bool tCounting = false;
 thread_local size_t tAllocations = 0;
 thread_local size_t tFirstSizes[8];
 
+}  // namespace
+
+#if KOVANE_ALLOC_HOOKS
+namespace {
 void noteAllocation(size_t bytes) {
   if (!tCounting) return;
   if (tAllocations < 8) tFirstSizes[tAllocations] = bytes;
   ++tAllocations;
 }
-
 }  // namespace
 
-#if KOVANE_ALLOC_HOOKS
 extern "C" {
 void* __libc_malloc(size_t);
 void* __libc_calloc(size_t, size_t);
