@@ -291,8 +291,15 @@ void KoEngineFg::handlePreviewFrame(sp<KoFrameData>& frame, KO_PreviewFrameData_
   }
   mFrameHist->addFrameData(frame);
   if (frame->mDownscaledImage != nullptr) {
-    mEngine->mPreviewEncode->addFrame(frame->mDownscaledImage->data(), static_cast<int>(frame->mWidth),
-                                      static_cast<int>(frame->mHeight), frame->mTimestamp);
+    // Recycled images are shared with the encoder (never written again while it holds them);
+    // any other image is copied.
+    if (frame->mRecycledImages) {
+      mEngine->mPreviewEncode->addFrame(frame->mDownscaledImage, static_cast<int>(frame->mWidth),
+                                        static_cast<int>(frame->mHeight), frame->mTimestamp);
+    } else {
+      mEngine->mPreviewEncode->addFrame(frame->mDownscaledImage->data(), static_cast<int>(frame->mWidth),
+                                        static_cast<int>(frame->mHeight), frame->mTimestamp);
+    }
   }
   mLowFpsMode = getLowFpsMode(mFrameHist, mCamPosition == KO_CAM_POSITION_FRONT, mLowFpsMode);
   mMissingFaceDataMode = getMissingFaceDataMode(mFrameHist);

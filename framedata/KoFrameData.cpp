@@ -9,7 +9,8 @@ namespace android {
 
 pthread_mutex_t KoFrameData::gFrameDataMutex = PTHREAD_MUTEX_INITIALIZER;
 
-KoFrameData::KoFrameData() : mAnalysisImage(nullptr), mHistogram(nullptr), mProcessedEvents(0) {
+KoFrameData::KoFrameData()
+    : mAnalysisImage(nullptr), mHistogram(nullptr), mProcessedEvents(0), mRecycledImages(false) {
   clearValues();
   pthread_mutex_init(&mZslLock, nullptr);
 }
@@ -71,9 +72,10 @@ void KoFrameData::clearValues() {
   mProcessedEvents.store(0, std::memory_order_relaxed);
 }
 
-void KoFrameData::reuse() {
+bool KoFrameData::reuse() {
   clearValues();
   if (mHistogram) memset(mHistogram, 0, HISTOGRAM_BINS * sizeof(uint32_t));
+  return true;
 }
 
 void KoFrameData::onLastStrongRef(const void* /*id*/) {
@@ -83,6 +85,11 @@ void KoFrameData::onLastStrongRef(const void* /*id*/) {
   setZslBuffer(nullptr);
   mMetaBuffer.clear();
   for (Vector<KO_dataStats_t>& v : mStatsVectors) v.clear();
+  // The images may still be in use elsewhere (the preview encoder keeps the analysis copy):
+  // the next frame takes images of its own from the recyclers.
+  sp<ABuffer>* images[] = {&mSmallImage, &mSobelBuffer1, &mSobelBuffer2, &mDownscaledImage};
+  for (sp<ABuffer>* image : images) releaseImage(*image);
+  mAnalysisImage = nullptr;
   recycler->giveBack(this);
 }
 
@@ -90,16 +97,7 @@ KoFrameData::~KoFrameData() {
   setZslBuffer(nullptr);
   mAnalysisImage = nullptr;
   sp<ABuffer>* images[] = {&mSmallImage, &mSobelBuffer1, &mSobelBuffer2, &mDownscaledImage};
-  for (sp<ABuffer>* image : images) {
-    if (*image != nullptr) {
-      if (mImagePool != nullptr) {
-        mImagePool->give((*image)->base(), (*image)->capacity());
-      } else {
-        fcvMemFree((*image)->base());
-      }
-      image->clear();
-    }
-  }
+  for (sp<ABuffer>* image : images) releaseImage(*image);
   mMetaBuffer.clear();
   for (Vector<KO_dataStats_t>& v : mStatsVectors) v.clear();
   if (mHistogram) {
@@ -107,6 +105,12 @@ KoFrameData::~KoFrameData() {
     mHistogram = nullptr;
   }
   pthread_mutex_destroy(&mZslLock);
+}
+
+void KoFrameData::releaseImage(sp<ABuffer>& image) {
+  if (image == nullptr) return;
+  if (!mRecycledImages) fcvMemFree(image->base());
+  image.clear();
 }
 
 void KoFrameData::setProcessedEvents(uint32_t bits) {

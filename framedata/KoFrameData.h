@@ -16,7 +16,6 @@
 #include "DexFrameMetaData.h"
 #include "KoEngineTypes.h"
 #include "KoFaceMetaData.h"
-#include "KoImagePool.h"
 #include "KoRecycler.h"
 #include "KoSensorSample.h"
 
@@ -47,17 +46,20 @@ class KoFrameData : public RefBase {
   };
 
   KoFrameData();
-  // A frame that goes back to `recycler` when its last strong reference goes, keeping its image
-  // memory, to be handed out again by KoRecycler::obtain.
+  // A frame that goes back to `recycler` when its last strong reference goes (letting go of its
+  // images and of what it holds of others), to be handed out again by KoRecycler::obtain.
   explicit KoFrameData(KoRecycler<KoFrameData>* recycler);
 
-  // Back to the state of a new frame, keeping the image buffers and the histogram block (their
-  // contents are stale until the frame is filled again). Called by the recycler.
-  void reuse();
+  // Back to the state of a new frame, keeping the histogram block (its contents are stale until
+  // the frame is filled again). Called by the recycler.
+  bool reuse();
 
   // ORs bits into mProcessedEvents. Safe to call while holding gFrameDataMutex: the mutex is
   // only tried, never waited for, and a caller that holds it keeps it.
   void setProcessedEvents(uint32_t bits);
+
+  // Lets an image of the frame go: freed, or back to its recycler (see mRecycledImages).
+  void releaseImage(sp<ABuffer>& image);
   uint32_t processedEvents() const { return mProcessedEvents.load(std::memory_order_acquire); }
   bool hasEvents(uint32_t bits) const { return (processedEvents() & bits) == bits; }
 
@@ -132,7 +134,9 @@ class KoFrameData : public RefBase {
   uint32_t mCamMotion[8];  // camera-motion result block, read by word
   sp<ABuffer> mMetaBuffer;
   std::atomic<uint32_t> mProcessedEvents;
-  sp<KoImagePool> mImagePool;  // where the four images go back to (null: freed)
+  // The four images are recycled KoImageBuffers (frames made by the frame factory): they are
+  // let go, not freed, and go back to their recyclers. Otherwise they are freed with the frame.
+  bool mRecycledImages;
 
   // Serialises changes to frames shared between the history and its readers.
   static pthread_mutex_t gFrameDataMutex;

@@ -41,10 +41,11 @@ const char kNewFaceSignature[] =
     "android::status_t android::KoFrameDataCreate::newFaceData(KO_cam_face_detection_data_t*, "
     "android::sp<android::KoFaceMetaData>&)";
 
-sp<ABuffer> allocImage(KoImagePool* pool, size_t bytes) {
-  uint8_t* mem = pool->take(bytes);
-  if (!mem) return nullptr;
-  return new ABuffer(mem, bytes);
+// An image of `bytes` bytes from `recycler`, or null when memory runs out.
+sp<ABuffer> takeImage(KoRecycler<KoImageBuffer>* recycler, size_t bytes) {
+  sp<KoImageBuffer> image = recycler->obtain(bytes);
+  if (image == nullptr || image->base() == nullptr) return nullptr;
+  return image;
 }
 
 }  // namespace
@@ -56,12 +57,15 @@ KoFrameDataCreate::KoFrameDataCreate(KoEngineContext* engine)
       mLastGyroSample(),
       mLastOrientSample(),
       mLastMagneticSample(),
-      mImagePool(new KoImagePool()),
-      mFrameRecycler(new KoRecycler<KoFrameData>(kKeptFrames)) {
+      mFrameRecycler(new KoRecycler<KoFrameData>(kKeptFrames)),
+      mImageRecycler(new KoRecycler<KoImageBuffer>(kKeptImages)),
+      mSmallRecycler(new KoRecycler<KoImageBuffer>(kKeptImages)),
+      mSobelRecycler(new KoRecycler<KoImageBuffer>(2 * kKeptImages)) {
   setup();
 }
 
 KoFrameDataCreate::~KoFrameDataCreate() {
+  fcvMemFree(mScaleTemp);
   if (mSensorQueue != nullptr) {
     cleanup();
     mSensorQueue.clear();
@@ -112,7 +116,7 @@ status_t KoFrameDataCreate::newFrame(KO_PreviewFrameData_t* preview, sp<KoFrameD
     ALOG(LOG_ERROR, LOG_TAG, "%s: failed to add history frame", kNewFrameSignature);
     return 0;
   }
-  frame->mImagePool = mImagePool;
+  frame->mRecycledImages = true;
   frame->mStreamType = preview->streamType;
   const bool knownStream =
       preview->streamType == KO_STREAM_TYPE_PREVIEW || preview->streamType == KO_STREAM_TYPE_VIDEO;
@@ -249,21 +253,14 @@ status_t KoFrameDataCreate::downscaleImage(KO_cam_frame_len_offset_t* planes, sp
   frame->mWidth = outW;
   frame->mHeight = outH;
 
-  // Images are kept by the frame record (records are recycled) and taken from the image pool
-  // only when the record has none of the right size.
-  KoImagePool* pool = mImagePool.get();
+  // Each kind of image comes from its own recycler: the recycled records let their images go,
+  // since the preview encoder may still hold the analysis copy.
   const size_t outBytes = static_cast<size_t>(outW) * outH * 3 / 2;
-  if (frame->mDownscaledImage != nullptr && frame->mDownscaledImage->capacity() != outBytes) {
-    pool->give(frame->mDownscaledImage->base(), frame->mDownscaledImage->capacity());
-    frame->mDownscaledImage.clear();
-  }
-  if (frame->mDownscaledImage == nullptr) {
-    frame->mDownscaledImage = allocImage(pool, outBytes);
-    if (frame->mDownscaledImage == nullptr) return NO_MEMORY;
-  }
-  if (frame->mSmallImage == nullptr) frame->mSmallImage = allocImage(pool, KoFrameData::SMALL_IMAGE_BYTES);
-  if (frame->mSobelBuffer1 == nullptr) frame->mSobelBuffer1 = allocImage(pool, KoFrameData::SOBEL_BUFFER_BYTES);
-  if (frame->mSobelBuffer2 == nullptr) frame->mSobelBuffer2 = allocImage(pool, KoFrameData::SOBEL_BUFFER_BYTES);
+  frame->mDownscaledImage = takeImage(mImageRecycler.get(), outBytes);
+  if (frame->mDownscaledImage == nullptr) return NO_MEMORY;
+  frame->mSmallImage = takeImage(mSmallRecycler.get(), KoFrameData::SMALL_IMAGE_BYTES);
+  frame->mSobelBuffer1 = takeImage(mSobelRecycler.get(), KoFrameData::SOBEL_BUFFER_BYTES);
+  frame->mSobelBuffer2 = takeImage(mSobelRecycler.get(), KoFrameData::SOBEL_BUFFER_BYTES);
   // A frame that lacks any of them is lost; what it got goes back with the record.
   if (frame->mSmallImage == nullptr || frame->mSobelBuffer1 == nullptr || frame->mSobelBuffer2 == nullptr) {
     return NO_MEMORY;
@@ -292,13 +289,18 @@ status_t KoFrameDataCreate::downscaleImage(KO_cam_frame_len_offset_t* planes, sp
     frame->mSmallImageReady = true;
   } else {
     fcvScaleDownMNu8(data, width, height, planes->mp[0].stride, out, outW, outH, outW);
+    // The interleaved reduction goes through a scratch block kept for the next frames.
     const size_t tempBytes = static_cast<size_t>(outW) * outH / 2;
-    uint8_t* temp = pool->take(tempBytes);
-    if (!temp) return NO_MEMORY;
+    if (mScaleTempBytes < tempBytes) {
+      fcvMemFree(mScaleTemp);
+      mScaleTemp = static_cast<uint8_t*>(fcvMemAlloc(static_cast<unsigned int>(tempBytes), 16));
+      mScaleTempBytes = mScaleTemp != nullptr ? tempBytes : 0;
+      if (!mScaleTemp) return NO_MEMORY;
+    }
+    uint8_t* temp = mScaleTemp;
     fcvScaleDownMNInterleaveu8(chroma, width / 2, height / 2, chromaStride, temp, outW / 2, outH / 2, outW);
     // Source pairs are V,U: the first byte of each pair goes to plane B, the second to plane A.
     libyuv::SplitUVPlane(temp, static_cast<int>(outW), planeB, cw, planeA, cw, cw, ch);
-    pool->give(temp, tempBytes);
   }
 
   frame->mAnalysisWidth = KoFrameData::ANALYSIS_WIDTH;

@@ -11,7 +11,8 @@
 #include "KoEngineTypes.h"
 #include "KoFaceMetaData.h"
 #include "KoFrameData.h"
-#include "KoImagePool.h"
+#include "KoImageBuffer.h"
+#include "KoRecycler.h"
 #include "KoMemoryBuffer.h"
 #include "KoSensorSample.h"
 #include "SensorEventQueue.h"
@@ -50,10 +51,16 @@ class KoFrameDataCreate {
 
  private:
   std::vector<ASensorEvent> mSensorEvents;  // read buffer of getSensorData
-  sp<KoImagePool> mImagePool;               // the frames' image memory, reused
-  // Released frame records kept for the next frames, with their images.
+  // Released frame records and images kept for the next frames (records hold no image while
+  // kept; images are kept by kind: analysis copies, small images, Sobel planes).
   static constexpr size_t kKeptFrames = 8;
+  static constexpr size_t kKeptImages = 4;
   sp<KoRecycler<KoFrameData>> mFrameRecycler;
+  sp<KoRecycler<KoImageBuffer>> mImageRecycler;
+  sp<KoRecycler<KoImageBuffer>> mSmallRecycler;
+  sp<KoRecycler<KoImageBuffer>> mSobelRecycler;
+  uint8_t* mScaleTemp = nullptr;  // scratch of the general reducers
+  size_t mScaleTempBytes = 0;
 
   KoFrameDataCreate(const KoFrameDataCreate&) = delete;
   KoFrameDataCreate& operator=(const KoFrameDataCreate&) = delete;

@@ -239,12 +239,7 @@ int KoFrameHist::releaseProcessBuffersWithFrameId(uint32_t frameId) {
     KoFrameData* frame = mHistory[i]->mFrameData.get();
     if (frame == nullptr || frame->mFrameId != frameId) continue;
     sp<ABuffer>* scratch[] = {&frame->mSobelBuffer1, &frame->mSobelBuffer2};
-    for (sp<ABuffer>* buffer : scratch) {
-      if (*buffer != nullptr) {
-        fcvMemFree((*buffer)->base());
-        buffer->clear();
-      }
-    }
+    for (sp<ABuffer>* buffer : scratch) frame->releaseImage(*buffer);
     return 1;
   }
   return 0;

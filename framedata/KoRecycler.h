@@ -9,10 +9,12 @@
 // promote(). An object that is not kept (the list is full, or the recycler is gone) has no weak
 // reference left and is deleted as usual. The mutex orders everything the releasing thread did
 // with the object before whatever the next user does with it. T provides:
-//   - a constructor T(KoRecycler<T>*) that calls extendObjectLifetime(OBJECT_LIFETIME_WEAK) and
+//   - a constructor T(KoRecycler<T>*, args...) that calls extendObjectLifetime(OBJECT_LIFETIME_WEAK) and
 //     keeps a wp to the recycler;
 //   - onLastStrongRef: drop what the object holds, then recycler->giveBack(this);
-//   - reuse(): back to the state of a new object (called by obtain on a revived object).
+//   - reuse(args...): back to the state of a new object made with the same arguments, or false
+//     when the object cannot serve them (it is then deleted, not kept); called by obtain on a
+//     revived one.
 #include <pthread.h>
 
 #include <new>
@@ -31,8 +33,10 @@ class KoRecycler : public RefBase {
     mCapacity = capacity;
   }
 
-  // A revived object, or a new one; null only when memory runs out.
-  sp<T> obtain() {
+  // A revived object that takes `args`, or a new one made with them; null only when memory
+  // runs out.
+  template <typename... Args>
+  sp<T> obtain(Args... args) {
     for (;;) {
       wp<T> kept;
       pthread_mutex_lock(&mLock);
@@ -43,18 +47,26 @@ class KoRecycler : public RefBase {
       pthread_mutex_unlock(&mLock);
       if (kept == nullptr) break;
       sp<T> object = kept.promote();
-      if (object != nullptr) {
-        object->reuse();
-        return object;
-      }
+      if (object == nullptr) continue;
+      if (object->reuse(args...)) return object;
+      // Refused: dropping the reference gives it back at once (nobody else holds it), and
+      // giveBack lets it go instead of keeping it for the next request.
+      pthread_mutex_lock(&mLock);
+      mRefused = object.get();
+      pthread_mutex_unlock(&mLock);
+      object.clear();
     }
-    return sp<T>(new (std::nothrow) T(this));
+    return sp<T>(new (std::nothrow) T(this, args...));
   }
 
   // Called by T::onLastStrongRef. Keeps the object for obtain() while there is room.
   void giveBack(T* object) {
     pthread_mutex_lock(&mLock);
-    if (mFree.size() < mCapacity) mFree.push_back(wp<T>(object));
+    if (object == mRefused) {
+      mRefused = nullptr;
+    } else if (mFree.size() < mCapacity) {
+      mFree.push_back(wp<T>(object));
+    }
     pthread_mutex_unlock(&mLock);
   }
 
@@ -77,6 +89,7 @@ class KoRecycler : public RefBase {
   mutable pthread_mutex_t mLock;
   size_t mCapacity;
   std::vector<wp<T>> mFree;
+  T* mRefused = nullptr;  // refused by reuse(), not to be kept again
 
   KoRecycler(const KoRecycler&) = delete;
   KoRecycler& operator=(const KoRecycler&) = delete;

@@ -1,5 +1,5 @@
 #pragma once
-// Preview encoder front: keeps copies of the recent preview frames so that a short clip around
+// Preview encoder front: keeps the recent preview frames (shared or copied) so that a short clip around
 // a capture can be cut from them later, and reports the outcome of a clip's encoding back to
 // its owner.
 //
@@ -10,9 +10,13 @@
 // Rolling buffer bounds, oldest frame dropped first:
 //  - time: the newest frame's stamp minus the oldest frame's stamp never exceeds kMaxSpanUs
 //    (4 seconds);
-//  - memory: all image memory the encoder holds, buffered frames and free buffers kept for
-//    reuse together, never exceeds kMaxMemoryBytes (32 MiB). At 640x360 (345600 bytes a frame)
-//    that is 97 frames, about 3.2 s at 30 fps; at 640x480, 72 frames.
+//  - memory: all image memory the encoder holds, buffered frames (shared or copied) and free
+//    buffers kept for reuse together, never exceeds kMaxMemoryBytes (24 MiB). At 640x360
+//    (345600 bytes a frame) that is 72 frames, 2.4 s at 30 fps; at 640x480, 54 frames (1.8 s).
+//    A clip starts at most 1.5 s before its shutter press, decided a few frames after it.
+// Shared frames: addFrame(sp<ABuffer>) keeps a reference to the caller's image instead of a copy
+// (the engine's frame records hand over their analysis copies this way, which are never written
+// again while shared); the copying addFrame serves callers whose memory is reused at once.
 // Frame buffers are reused: once the buffer is warm, adding a frame of the same size allocates
 // nothing. At most kMaxPooledBuffers free buffers are kept; flush() and startRecording() give
 // all memory back.
@@ -51,6 +55,8 @@
 #include <utils/StrongPointer.h>
 #include <utils/Vector.h>
 
+#include "ABuffer.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <atomic>
@@ -70,7 +76,7 @@ class KoClipWriter;
 class KoPreviewEncode {
  public:
   static constexpr int64_t kMaxSpanUs = 4000000;
-  static constexpr size_t kMaxMemoryBytes = 32u * 1024u * 1024u;
+  static constexpr size_t kMaxMemoryBytes = 24u * 1024u * 1024u;
   static constexpr size_t kMaxPooledBuffers = 4;
   // Largest accepted side of a frame.
   static constexpr int kMaxSide = 4096;
@@ -103,6 +109,10 @@ class KoPreviewEncode {
   // Copies one planar 4:2:0 frame into the rolling buffer. Null data, non-positive, odd or
   // oversized dimensions are logged at error priority and ignored.
   void addFrame(uint8_t* data, int width, int height, int64_t timestampUs);
+  // The same without a copy: keeps a reference to `image`, whose data() holds the frame
+  // (width * height * 3 / 2 bytes; a smaller or null image is logged and ignored). The owner
+  // must not write into the image while it is shared.
+  void addFrame(const sp<ABuffer>& image, int width, int height, int64_t timestampUs);
 
   // The host starts recording: buffered frames are dropped and none is kept until
   // stopRecording().
@@ -162,7 +172,9 @@ class KoPreviewEncode {
 
  private:
   struct Slot {
-    std::shared_ptr<uint8_t> data;  // shared with the clips that hold the frame
+    std::shared_ptr<uint8_t> data;  // a copy, shared with the clips that hold the frame
+    sp<ABuffer> shared;             // or the caller's image itself
+    const uint8_t* pixels() const { return shared != nullptr ? shared->data() : data.get(); }
     size_t capacity = 0;
     size_t bytes = 0;
     int width = 0;
@@ -199,6 +211,11 @@ class KoPreviewEncode {
   void releaseAllLocked();
   void evictOldestLocked();
   bool acquireSlotLocked(size_t bytes, Slot& out);
+  // Makes room for `bytes` more bytes under the memory bound (free buffers, then the oldest
+  // frames go); false when the frame alone exceeds the bound.
+  bool reserveLocked(size_t bytes);
+  bool admitLocked(int64_t timestampUs);
+  bool checkFrame(const void* data, int width, int height) const;
   void recycleLocked(Slot& slot);
 
   const bool mVideoEnable;

@@ -38,38 +38,23 @@ KoPreviewEncode::~KoPreviewEncode() {
   releaseAllLocked();
 }
 
-void KoPreviewEncode::addFrame(uint8_t* data, int width, int height, int64_t timestampUs) {
+bool KoPreviewEncode::checkFrame(const void* data, int width, int height) const {
   if (data == nullptr || width <= 0 || height <= 0 || (width & 1) != 0 || (height & 1) != 0 ||
       width > kMaxSide || height > kMaxSide) {
-    __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: bad frame data %p size %dx%d, ignored",
-                        __func__, static_cast<void*>(data), width, height);
-    return;
+    __android_log_print(ANDROID_LOG_ERROR, kTag, "addFrame: bad frame data %p size %dx%d, ignored",
+                        data, width, height);
+    return false;
   }
+  return true;
+}
+
+void KoPreviewEncode::addFrame(uint8_t* data, int width, int height, int64_t timestampUs) {
+  if (!checkFrame(data, width, height)) return;
   const size_t luma = static_cast<size_t>(width) * static_cast<size_t>(height);
   const size_t bytes = luma + luma / 2;
-
   std::lock_guard<std::mutex> lock(mLock);
   if (!mVideoEnable || mRecording) return;
-
-  if (!mFrames.empty()) {
-    const int64_t newest = mFrames.back().timestampUs;
-    if (timestampUs < newest) {
-      if (newest - timestampUs <= kMaxSpanUs) {
-        __android_log_print(ANDROID_LOG_WARN, kTag,
-                            "%s: frame at %lld us older than newest %lld us, dropped", __func__,
-                            static_cast<long long>(timestampUs), static_cast<long long>(newest));
-        return;
-      }
-      __android_log_print(ANDROID_LOG_WARN, kTag,
-                          "%s: clock went back from %lld to %lld us, buffer restarted", __func__,
-                          static_cast<long long>(newest), static_cast<long long>(timestampUs));
-      dropAllFramesLocked();
-    }
-  }
-  while (!mFrames.empty() && timestampUs - mFrames.front().timestampUs > kMaxSpanUs) {
-    evictOldestLocked();
-  }
-
+  if (!admitLocked(timestampUs)) return;
   Slot slot;
   if (!acquireSlotLocked(bytes, slot)) return;
   memcpy(slot.data.get(), data, bytes);
@@ -85,6 +70,79 @@ void KoPreviewEncode::addFrame(uint8_t* data, int width, int height, int64_t tim
     taken = true;
   }
   if (taken) mWork.notify_one();
+}
+
+void KoPreviewEncode::addFrame(const sp<ABuffer>& image, int width, int height, int64_t timestampUs) {
+  if (!checkFrame(image != nullptr ? image->data() : nullptr, width, height)) return;
+  const size_t luma = static_cast<size_t>(width) * static_cast<size_t>(height);
+  const size_t bytes = luma + luma / 2;
+  if (image->size() < bytes) {
+    __android_log_print(ANDROID_LOG_ERROR, kTag, "addFrame: image of %zu bytes holds no %dx%d frame, ignored",
+                        image->size(), width, height);
+    return;
+  }
+  std::lock_guard<std::mutex> lock(mLock);
+  if (!mVideoEnable || mRecording) return;
+  if (!admitLocked(timestampUs) || !reserveLocked(bytes)) return;
+  Slot slot;
+  slot.shared = image;
+  slot.capacity = bytes;
+  slot.bytes = bytes;
+  slot.width = width;
+  slot.height = height;
+  slot.timestampUs = timestampUs;
+  mAllocatedBytes += bytes;
+  mFrames.push_back(slot);
+  bool taken = false;
+  for (Clip& c : mClips) {
+    if (c.ended || c.cancelled || timestampUs < c.startUs) continue;
+    takeFrameLocked(c, slot);
+    taken = true;
+  }
+  if (taken) mWork.notify_one();
+}
+
+// Order and time checks of a new frame: false when it is refused; otherwise the frames too old
+// for it have gone (all of them when the clock went back).
+bool KoPreviewEncode::admitLocked(int64_t timestampUs) {
+  if (!mFrames.empty()) {
+    const int64_t newest = mFrames.back().timestampUs;
+    if (timestampUs < newest) {
+      if (newest - timestampUs <= kMaxSpanUs) {
+        __android_log_print(ANDROID_LOG_WARN, kTag,
+                            "addFrame: frame at %lld us older than newest %lld us, dropped",
+                            static_cast<long long>(timestampUs), static_cast<long long>(newest));
+        return false;
+      }
+      __android_log_print(ANDROID_LOG_WARN, kTag,
+                          "addFrame: clock went back from %lld to %lld us, buffer restarted",
+                          static_cast<long long>(newest), static_cast<long long>(timestampUs));
+      dropAllFramesLocked();
+    }
+  }
+  while (!mFrames.empty() && timestampUs - mFrames.front().timestampUs > kMaxSpanUs) {
+    evictOldestLocked();
+  }
+  return true;
+}
+
+bool KoPreviewEncode::reserveLocked(size_t bytes) {
+  if (bytes > kMaxMemoryBytes) {
+    __android_log_print(ANDROID_LOG_ERROR, kTag, "%s: frame of %zu bytes exceeds the %zu bytes "
+                        "bound, ignored", __func__, bytes, kMaxMemoryBytes);
+    return false;
+  }
+  while (mAllocatedBytes + bytes > kMaxMemoryBytes) {
+    if (!mPool.empty()) {
+      mAllocatedBytes -= mPool.back().capacity;
+      mPool.pop_back();
+    } else if (!mFrames.empty()) {
+      evictOldestLocked();
+    } else {
+      return false;
+    }
+  }
+  return true;
 }
 
 void KoPreviewEncode::startRecording() {
@@ -137,7 +195,7 @@ status_t KoPreviewEncode::copyFrame(int64_t fromUs, uint8_t* dst, size_t dstByte
   height = it->height;
   timestampUs = it->timestampUs;
   if (dst == nullptr || dstBytes < it->bytes) return BAD_VALUE;
-  memcpy(dst, it->data.get(), it->bytes);
+  memcpy(dst, it->pixels(), it->bytes);
   return OK;
 }
 
@@ -318,7 +376,7 @@ void KoPreviewEncode::encodeLoop() {
           __android_log_print(ANDROID_LOG_WARN, kTag, "%s: job %d frame of %dx%d left out of a %dx%d clip",
                               __func__, clip->jobId, frame.width, frame.height, clip->width, clip->height);
         } else {
-          const status_t err = clip->writer->addFrame(frame.data.get(), frame.timestampUs);
+          const status_t err = clip->writer->addFrame(frame.pixels(), frame.timestampUs);
           if (err == OK) {
             ++clip->framesWritten;
           } else {
@@ -358,6 +416,11 @@ void KoPreviewEncode::evictOldestLocked() {
 }
 
 void KoPreviewEncode::recycleLocked(Slot& slot) {
+  if (slot.shared != nullptr) {  // the caller's image: only the reference goes
+    mAllocatedBytes -= slot.capacity;
+    slot.shared.clear();
+    return;
+  }
   // A buffer a clip still holds leaves the buffer's accounts; the clip frees it.
   if (slot.data.use_count() == 1 && mPool.size() < kMaxPooledBuffers) {
     mPool.push_back(slot);

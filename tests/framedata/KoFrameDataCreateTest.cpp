@@ -386,6 +386,23 @@ TEST_F(FrameCreation, SmallImageComesWithTheFrameAndRecordsAreReused) {
   EXPECT_EQ(second->zslBuffer(), nullptr);
   EXPECT_TRUE(second->mSmallImageReady);
   EXPECT_EQ(0, memcmp(want.data(), second->mSmallImage->data(), want.size()));
+
+  // An image still held after its record went (the preview encoder shares analysis copies) is
+  // never handed to a later frame; images of another size are not handed out either.
+  sp<KoFrameData> third;
+  ASSERT_EQ(factory->newFrame(&cam.preview, third), 0);
+  sp<ABuffer> held = third->mDownscaledImage;
+  const std::vector<uint8_t> heldPixels(held->data(), held->data() + held->size());
+  third.clear();
+  CameraFrame moved = cut(solvay, 1920, 1080, 64, 32, 1920, 1080, 1920);
+  for (int i = 0; i < 6; ++i) {
+    sp<KoFrameData> f;
+    ASSERT_EQ(factory->newFrame(i % 2 == 0 ? &moved.preview : &vga.preview, f), 0);
+    EXPECT_NE(f->mDownscaledImage.get(), held.get());
+    EXPECT_EQ(f->mDownscaledImage->capacity(), i % 2 == 0 ? 640u * 360 * 3 / 2 : 640u * 480 * 3 / 2);
+  }
+  EXPECT_EQ(0, memcmp(heldPixels.data(), held->data(), heldPixels.size()));
+  held.clear();
   // More frames at once than the pool keeps, all released; then the factory goes while a
   // frame still lives: that frame's memory is freed with it (the leak checker would say).
   std::vector<sp<KoFrameData>> many(12);
