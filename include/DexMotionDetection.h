@@ -116,8 +116,6 @@ class DexMotionDetection {
   double mRefSpread = 0;
   std::vector<uint8_t> mMatched;   // the view at the reference's exposure, row stride mRefWidth
   std::vector<uint8_t> mHalf;      // its 2x reduction, row stride mRefWidth / 2
-  std::vector<uint16_t> mHalfBox;  // sums of its 8x8 blocks by top-left corner (same stride)
-  std::vector<uint16_t> mBoxColumns;  // scratch of the block sums: 8-row column sums
   std::vector<Block> mBlocks;      // blocks of the current estimation (capacity: the full grid)
 };
 

@@ -18,10 +18,6 @@
 //    With that order fixed, candidates can be visited best guess first (no motion, then the
 //    previous block's vector), and a candidate's SAD is abandoned as soon as its partial sum
 //    can no longer win;
-//  - the AVX2 coarse search also rules candidates out by their pixel sums (|block sum -
-//    candidate sum| never exceeds the SAD, and the sums of all 8x8 blocks of the reduced view
-//    cost one pass): a row of candidates that all lose on their sums is not matched at all, and
-//    the others are abandoned sooner (about a quarter fewer SAD rows on a panning picture);
 //  - the pixel loops have SSE2 and NEON versions next to the portable ones, and AVX2 versions
 //    chosen at run time, whose searches take a whole row of candidates at once (vmpsadbw). All
 //    sums are integer, so the paths agree bit for bit; the exposure map is evaluated in 16.16
@@ -69,7 +65,6 @@ constexpr int kCoarseSide = 2 * kHalfRange + 1;
 constexpr int kFineSide = 2 * kRange + 1;
 
 std::atomic<int> gKernels{DexMotionDetection::KERNELS_FASTEST};
-
 
 // ---------------------------------------------------------------------------------------------
 // Shared pieces of the kernels.
@@ -163,7 +158,6 @@ uint64_t fineSearch(const uint8_t* ref, const uint8_t* cur, int stride, int cdx,
 // the sum is known to exceed it.
 
 struct PortableKernels {
-  static constexpr bool kBoxBound = false;  // the coarse search takes no block sums
   static void sums(const uint8_t* img, int w, int h, int stride, uint64_t* sum, uint64_t* sumSq) {
     uint64_t s = 0, q = 0;
     for (int y = 0; y < h; ++y) {
@@ -251,8 +245,7 @@ struct PortableKernels {
   // Coarse search of an 8x8 block of the reduced reference over +/-8 in the reduced view.
   // `at` is the block's position in the reduced view (same stride); (pdx, pdy) a predicted
   // vector. Returns the winner's key.
-  static uint64_t coarse(const uint8_t* ref, const uint8_t* at, const uint16_t* /*box*/, int stride,
-                         int pdx, int pdy) {
+  static uint64_t coarse(const uint8_t* ref, const uint8_t* at, int stride, int pdx, int pdy) {
     uint64_t best = UINT64_MAX;
     auto visit = [&](int dx, int dy) {
       const uint64_t key = coarseKey(0, dx, dy);
@@ -310,7 +303,6 @@ struct Sse2Exposure {
 };
 
 struct Sse2Kernels {
-  static constexpr bool kBoxBound = false;
   static void sums(const uint8_t* img, int w, int h, int stride, uint64_t* sum, uint64_t* sumSq) {
     const __m128i zero = _mm_setzero_si128();
     __m128i s = zero;  // two 64-bit lanes
@@ -433,8 +425,7 @@ struct Sse2Kernels {
   // The coarse search two candidates at a time: a 16-byte row of the reduced view at dx holds
   // the rows of the candidates dx and dx + 8, matched against the block row repeated twice
   // (dx = -8..0 covers -8..8, candidate 0 twice).
-  static uint64_t coarse(const uint8_t* ref, const uint8_t* at, const uint16_t* /*box*/, int stride,
-                         int pdx, int pdy) {
+  static uint64_t coarse(const uint8_t* ref, const uint8_t* at, int stride, int pdx, int pdy) {
     constexpr int kRows = kBlock / 2;
     __m128i rows[kRows];
     for (int y = 0; y < kRows; ++y) {
@@ -492,47 +483,6 @@ struct Sse2Kernels {
 // AVX2: the plane passes 32 pixels at a time, the SADs two rows (16x16) or four candidates
 // (coarse) per instruction. The texture and clipping tests stay SSE2.
 struct Avx2Kernels : Sse2Kernels {
-  // The coarse search rules out whole rows of candidates by their block sums (see coarse).
-  static constexpr bool kBoxBound = true;
-
-  // Sums of the 8x8 blocks of a w x h plane by top-left corner (x <= w - 8, y <= h - 8), into
-  // `box` with the plane's stride; `columns` (w entries) is scratch for the 8-row column sums.
-  KO_TARGET_AVX2 static void boxSums(const uint8_t* src, int w, int h, uint16_t* box, uint16_t* columns) {
-    if (w < 8 || h < 8) return;
-    for (int x = 0; x < w; ++x) {
-      unsigned c = 0;
-      for (int j = 0; j < 8; ++j) c += src[static_cast<long>(j) * w + x];
-      columns[x] = static_cast<uint16_t>(c);
-    }
-    for (int y = 0; y + 8 <= h; ++y) {
-      uint16_t* out = box + static_cast<long>(y) * w;
-      int x = 0;
-      for (; x + 16 + 7 <= w; x += 16) {
-        __m256i t = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(columns + x));
-        for (int i = 1; i < 8; ++i) {
-          t = _mm256_add_epi16(t, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(columns + x + i)));
-        }
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + x), t);
-      }
-      for (; x + 8 <= w; ++x) {
-        unsigned t = 0;
-        for (int i = 0; i < 8; ++i) t += columns[x + i];
-        out[x] = static_cast<uint16_t>(t);
-      }
-      if (y + 8 == h) break;
-      const uint8_t* leaving = src + static_cast<long>(y) * w;
-      const uint8_t* entering = src + static_cast<long>(y + 8) * w;
-      x = 0;
-      for (; x + 16 <= w; x += 16) {
-        const __m256i add = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(entering + x)));
-        const __m256i sub = _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(leaving + x)));
-        __m256i* c = reinterpret_cast<__m256i*>(columns + x);
-        _mm256_storeu_si256(c, _mm256_sub_epi16(_mm256_add_epi16(_mm256_loadu_si256(c), add), sub));
-      }
-      for (; x < w; ++x) columns[x] = static_cast<uint16_t>(columns[x] + entering[x] - leaving[x]);
-    }
-  }
-
   KO_TARGET_AVX2 static __m256i load2(const uint8_t* lo, const uint8_t* hi) {
     return _mm256_inserti128_si256(
         _mm256_castsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(lo))),
@@ -703,8 +653,8 @@ struct Avx2Kernels : Sse2Kernels {
   // candidate row from dx = -8 in the low half and from dx = 0 in the high half, two of them
   // (pixels 0..3 and 4..7) give the row SADs of dx = -8..7. The column dx = 8 is added with
   // psadbw. A row of candidates is abandoned once all its partial sums exceed the best SAD.
-  KO_TARGET_AVX2 static uint64_t coarse(const uint8_t* ref, const uint8_t* at, const uint16_t* box,
-                                        int stride, int pdx, int pdy) {
+  KO_TARGET_AVX2 static uint64_t coarse(const uint8_t* ref, const uint8_t* at, int stride, int pdx,
+                                        int pdy) {
     constexpr int kRows = kBlock / 2;
     __m256i rows[kRows];       // block row y in the low 8 bytes of both halves
     __m128i pairs[kRows / 2];  // block rows 2i and 2i + 1
@@ -718,11 +668,6 @@ struct Avx2Kernels : Sse2Kernels {
           _mm_loadl_epi64(reinterpret_cast<const __m128i*>(ref + static_cast<long>(2 * i) * stride)),
           _mm_loadl_epi64(reinterpret_cast<const __m128i*>(ref + static_cast<long>(2 * i + 1) * stride)));
     }
-    // The block's pixel sum: |block sum - candidate sum| is a lower bound of the SAD.
-    __m128i refSum = _mm_setzero_si128();
-    for (int i = 0; i < kRows / 2; ++i) refSum = _mm_add_epi64(refSum, _mm_sad_epu8(pairs[i], _mm_setzero_si128()));
-    const int blockSum = static_cast<int>(sumLanes(refSum));
-    const __m256i blockSums = _mm256_set1_epi16(static_cast<int16_t>(blockSum));
     uint64_t best = UINT64_MAX;
     auto single = [&](int dx, int dy) {
       const uint64_t key = coarseKey(0, dx, dy);
@@ -736,13 +681,6 @@ struct Avx2Kernels : Sse2Kernels {
     for (int dy = -kHalfRange; dy <= kHalfRange; ++dy) {
       const int bestSad = static_cast<int>(std::min<uint64_t>(best >> 32, 0x7fff));
       const __m256i limit = _mm256_set1_epi16(static_cast<int16_t>(bestSad));
-      // Candidates whose sum alone rules them out (the bound exceeds the best SAD).
-      const uint16_t* sums = box + static_cast<long>(dy) * stride;
-      const __m256i bound = _mm256_abs_epi16(_mm256_sub_epi16(
-          _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sums - kHalfRange)), blockSums));
-      const __m256i excluded = _mm256_cmpgt_epi16(bound, limit);
-      const bool excluded8 = std::abs(static_cast<int>(sums[kHalfRange]) - blockSum) > bestSad;
-      if (excluded8 && _mm256_movemask_epi8(excluded) == -1) continue;
       const uint8_t* line = at + static_cast<long>(dy) * stride;
       __m256i acc = _mm256_setzero_si256();  // 16-bit sums of dx = -8..-1 | 0..7
       __m128i acc8 = _mm_setzero_si128();    // dx = 8
@@ -757,9 +695,8 @@ struct Avx2Kernels : Sse2Kernels {
               _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p - stride + kHalfRange)),
               _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p + kHalfRange)));
           acc8 = _mm_add_epi64(acc8, _mm_sad_epu8(c8, pairs[y / 2]));
-          if (y + 1 < kRows &&
-              _mm256_movemask_epi8(_mm256_or_si256(excluded, _mm256_cmpgt_epi16(acc, limit))) == -1 &&
-              (excluded8 || static_cast<int>(sumLanes(acc8)) > bestSad)) {
+          if (y + 1 < kRows && _mm256_movemask_epi8(_mm256_cmpgt_epi16(acc, limit)) == -1 &&
+              static_cast<int>(sumLanes(acc8)) > bestSad) {
             done = false;
             break;
           }
@@ -803,7 +740,6 @@ inline uint32_t sumLanes(uint16x8_t v) {
 }
 
 struct NeonKernels {
-  static constexpr bool kBoxBound = false;
   static void sums(const uint8_t* img, int w, int h, int stride, uint64_t* sum, uint64_t* sumSq) {
     uint64x2_t s64 = vdupq_n_u64(0), q64 = vdupq_n_u64(0);
     uint64_t tail = 0, tailSq = 0;
@@ -923,8 +859,7 @@ struct NeonKernels {
 
   // Two candidates at a time, as the SSE2 version: a 16-byte row of the reduced view at dx
   // holds the rows of the candidates dx and dx + 8.
-  static uint64_t coarse(const uint8_t* ref, const uint8_t* at, const uint16_t* /*box*/, int stride,
-                         int pdx, int pdy) {
+  static uint64_t coarse(const uint8_t* ref, const uint8_t* at, int stride, int pdx, int pdy) {
     constexpr int kRows = kBlock / 2;
     uint8x8_t rows[kRows];
     for (int y = 0; y < kRows; ++y) rows[y] = vld1_u8(ref + static_cast<long>(y) * stride);
@@ -1048,8 +983,6 @@ DexMotionDetection::DexMotionDetection(int width, int height)
   mMatched.resize(w * h + kPad);
   mRefHalf.resize((w / 2) * (h / 2) + kPad);
   mHalf.resize(mRefHalf.size());
-  mHalfBox.resize(mRefHalf.size());
-  mBoxColumns.resize(w / 2 + kPad);
   const size_t grid = 2 * kRange + kBlock;
   const size_t cols = w >= grid ? (w - grid) / kBlock + 1 : 0;
   const size_t rows = h >= grid ? (h - grid) / kBlock + 1 : 0;
@@ -1160,15 +1093,13 @@ void DexMotionDetection::estimate(const uint8_t* view, int stride, motionResult_
   // 2x reduction of the view for the coarse search.
   const int hw = w / 2, hh = h / 2;
   Kernels::halve(mHalf.data(), hw, hh, cur, w);
-  if constexpr (Kernels::kBoxBound) Kernels::boxSums(mHalf.data(), hw, hh, mHalfBox.data(), mBoxColumns.data());
 
   int pdx = 0, pdy = 0;  // the previous block's coarse vector: the first guess for the next
   for (Block& b : mBlocks) {
     const uint8_t* r = ref + static_cast<size_t>(b.y) * w + b.x;
     // Coarse: full search at half resolution.
     const size_t at = static_cast<size_t>(b.y / 2) * hw + b.x / 2;
-    const uint64_t coarse =
-        Kernels::coarse(mRefHalf.data() + at, mHalf.data() + at, mHalfBox.data() + at, hw, pdx, pdy);
+    const uint64_t coarse = Kernels::coarse(mRefHalf.data() + at, mHalf.data() + at, hw, pdx, pdy);
     const int index = static_cast<int>(coarse & 0xffff);
     const int cdx = index % kCoarseSide - kHalfRange, cdy = index / kCoarseSide - kHalfRange;
     pdx = cdx;
