@@ -31,4 +31,31 @@ struct Camera {
   }
 };
 
+// `count` distinct NV21 frames of w x h (rows w bytes apart) cut from the middle of the same
+// photograph, panned by `step` pixels a frame (even, so that chroma pairs stay whole) and wrapped
+// around at its edge; empty when the picture is missing.
+inline std::vector<std::vector<uint8_t>> pannedFrames(int w, int h, int count, int step) {
+  std::vector<std::vector<uint8_t>> frames;
+  const std::vector<uint8_t> picture = kovane_test::readNv21("solvay_1920x1080.nv21", 1920, 1080);
+  if (picture.empty()) return frames;
+  const int x0 = (1920 - w) / 2 & ~1;
+  const int y0 = (1080 - h) / 2 & ~1;
+  const uint8_t* srcY = picture.data();
+  const uint8_t* srcC = picture.data() + 1920 * 1080;
+  for (int k = 0; k < count; ++k) {
+    std::vector<uint8_t> f(static_cast<size_t>(w) * h * 3 / 2);
+    const int shift = k * step;
+    for (int y = 0; y < h; ++y) {
+      for (int x = 0; x < w; ++x) f[y * w + x] = srcY[(y0 + y) * 1920 + (x0 + x + shift) % 1920];
+    }
+    for (int y = 0; y < h / 2; ++y) {
+      for (int x = 0; x < w; ++x) {
+        f[w * h + y * w + x] = srcC[(y0 / 2 + y) * 1920 + (x0 + x + shift) % 1920];
+      }
+    }
+    frames.push_back(std::move(f));
+  }
+  return frames;
+}
+
 }  // namespace kovane_bench

@@ -17,6 +17,7 @@
 #endif
 
 #include "KoFrameReducer.h"
+#include "BenchCamera.h"
 #include "TestData.h"
 
 using android::KoFrameReducer;
@@ -38,27 +39,10 @@ const Clip* clipOf(int w, int h) {
   auto it = clips.find(key);
   if (it != clips.end()) return it->second.frames.empty() ? nullptr : &it->second;
   Clip& clip = clips[key];
-  const std::vector<uint8_t> picture = kovane_test::readNv21("solvay_1920x1080.nv21", 1920, 1080);
-  if (picture.empty()) return nullptr;
+  clip.frames = kovane_bench::pannedFrames(w, h, kFrames, kPanStep);
+  if (clip.frames.empty()) return nullptr;
   clip.w = w;
   clip.h = h;
-  const int x0 = (1920 - w) / 2 & ~1;
-  const int y0 = (1080 - h) / 2 & ~1;
-  const uint8_t* srcY = picture.data();
-  const uint8_t* srcC = picture.data() + 1920 * 1080;
-  for (int k = 0; k < kFrames; ++k) {
-    std::vector<uint8_t> f(static_cast<size_t>(w) * h * 3 / 2);
-    const int shift = k * kPanStep;
-    for (int y = 0; y < h; ++y) {
-      for (int x = 0; x < w; ++x) f[y * w + x] = srcY[(y0 + y) * 1920 + (x0 + x + shift) % 1920];
-    }
-    for (int y = 0; y < h / 2; ++y) {
-      for (int x = 0; x < w; ++x) {
-        f[w * h + y * w + x] = srcC[(y0 / 2 + y) * 1920 + (x0 + x + shift) % 1920];
-      }
-    }
-    clip.frames.push_back(std::move(f));
-  }
   return &clip;
 }
 

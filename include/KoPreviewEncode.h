@@ -216,6 +216,7 @@ class KoPreviewEncode {
   bool reserveLocked(size_t bytes);
   bool admitLocked(int64_t timestampUs);
   bool checkFrame(const void* data, int width, int height) const;
+  void pushFrameLocked(Slot& slot, size_t bytes, int width, int height, int64_t timestampUs);
   void recycleLocked(Slot& slot);
 
   const bool mVideoEnable;

@@ -58,18 +58,7 @@ void KoPreviewEncode::addFrame(uint8_t* data, int width, int height, int64_t tim
   Slot slot;
   if (!acquireSlotLocked(bytes, slot)) return;
   memcpy(slot.data.get(), data, bytes);
-  slot.bytes = bytes;
-  slot.width = width;
-  slot.height = height;
-  slot.timestampUs = timestampUs;
-  mFrames.push_back(slot);
-  bool taken = false;
-  for (Clip& c : mClips) {
-    if (c.ended || c.cancelled || timestampUs < c.startUs) continue;
-    takeFrameLocked(c, slot);
-    taken = true;
-  }
-  if (taken) mWork.notify_one();
+  pushFrameLocked(slot, bytes, width, height, timestampUs);
 }
 
 void KoPreviewEncode::addFrame(const sp<ABuffer>& image, int width, int height, int64_t timestampUs) {
@@ -87,11 +76,16 @@ void KoPreviewEncode::addFrame(const sp<ABuffer>& image, int width, int height, 
   Slot slot;
   slot.shared = image;
   slot.capacity = bytes;
+  mAllocatedBytes += bytes;
+  pushFrameLocked(slot, bytes, width, height, timestampUs);
+}
+
+// The new frame joins the rolling buffer and every clip that is collecting frames.
+void KoPreviewEncode::pushFrameLocked(Slot& slot, size_t bytes, int width, int height, int64_t timestampUs) {
   slot.bytes = bytes;
   slot.width = width;
   slot.height = height;
   slot.timestampUs = timestampUs;
-  mAllocatedBytes += bytes;
   mFrames.push_back(slot);
   bool taken = false;
   for (Clip& c : mClips) {
