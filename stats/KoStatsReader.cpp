@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <unordered_map>
 
 #include "KoStatsData.h"
 
@@ -72,30 +73,31 @@ void jsonValue(std::string& out, const KoStatsReader::Value& value, int precisio
   }
 }
 
-// Float precision of each key as its format gave it.
-int precisionOf(const std::string& key, const std::vector<KoStatsReader::Column>& columns) {
-  for (const KoStatsReader::Column& c : columns) {
-    if (c.key == key) return c.precision;
-  }
-  return -1;
+// Float precision of each key as its format gave it, looked up once per value.
+typedef std::unordered_map<std::string, int> Precisions;
+
+Precisions precisionsOf(const std::vector<KoStatsReader::Column>& columns) {
+  Precisions p;
+  p.reserve(columns.size());
+  for (const KoStatsReader::Column& c : columns) p.emplace(c.key, c.precision);
+  return p;
 }
 
-void jsonRowMembers(std::string& out, const KoStatsReader::Row& row,
-                    const std::vector<KoStatsReader::Column>& columns) {
+void jsonRowMembers(std::string& out, const KoStatsReader::Row& row, const Precisions& precisions) {
   bool first = true;
   for (const auto& field : row.fields) {
     if (!first) out += ',';
     first = false;
     jsonString(out, field.first);
     out += ':';
-    jsonValue(out, field.second, precisionOf(field.first, columns));
+    const auto it = precisions.find(field.first);
+    jsonValue(out, field.second, it == precisions.end() ? -1 : it->second);
   }
 }
 
-void jsonRow(std::string& out, const KoStatsReader::Row& row,
-             const std::vector<KoStatsReader::Column>& columns) {
+void jsonRow(std::string& out, const KoStatsReader::Row& row, const Precisions& precisions) {
   out += '{';
-  jsonRowMembers(out, row, columns);
+  jsonRowMembers(out, row, precisions);
   out += '}';
 }
 
@@ -396,7 +398,7 @@ bool KoStatsReader::readSegment(const Segment& seg) {
   // Every other payload is one NUL-terminated text, or nothing when its writer failed.
   std::string text;
   if (seg.payloadSize > 0) {
-    const char* payload = reinterpret_cast<const char*>(&mData[seg.offset + 12]);
+    const char* payload = reinterpret_cast<const char*>(mData.data() + seg.offset + 12);
     if (payload[seg.payloadSize - 1] != '\0' ||
         memchr(payload, '\0', seg.payloadSize - 1) != nullptr) {
       return fail("payload of " + where + " is not one NUL-terminated text");
@@ -564,7 +566,8 @@ bool KoStatsReader::readHistograms(const std::string& text) {
 bool KoStatsReader::readRaw(const Segment& seg) {
   const std::string where = typeName(seg.type) + " at " + offsetText(seg.offset);
   mDataSeen[SECTION_RAW] = true;
-  const char* payload = reinterpret_cast<const char*>(&mData[seg.offset + 12]);
+  if (seg.payloadSize == 0) return fail("raw image segment without a header line in " + where);
+  const char* payload = reinterpret_cast<const char*>(mData.data() + seg.offset + 12);
   const void* nul = memchr(payload, '\0', seg.payloadSize);
   if (nul == nullptr) return fail("raw image line without NUL in " + where);
   const size_t lineLength = static_cast<const char*>(nul) - payload;
@@ -612,25 +615,25 @@ std::string KoStatsReader::toJson() const {
   }
   out += "],\"session\":";
   if (mHasSession) {
-    jsonRow(out, mSession, mColumns[SECTION_SESSION]);
+    jsonRow(out, mSession, precisionsOf(mColumns[SECTION_SESSION]));
   } else {
     out += "null";
   }
   out += ",\"sequence\":";
   if (mHasSequence) {
-    jsonRow(out, mSequence, mColumns[SECTION_SEQUENCE]);
+    jsonRow(out, mSequence, precisionsOf(mColumns[SECTION_SEQUENCE]));
   } else {
     out += "null";
   }
-  const std::vector<Column>& frameColumns =
-      mColumns[SECTION_FRAME].empty() ? mDefaultColumns[SECTION_FRAME] : mColumns[SECTION_FRAME];
+  const Precisions frameColumns = precisionsOf(
+      mColumns[SECTION_FRAME].empty() ? mDefaultColumns[SECTION_FRAME] : mColumns[SECTION_FRAME]);
   out += ",\"frames\":[";
   for (size_t i = 0; i < mFrames.size(); ++i) {
     if (i > 0) out += ',';
     jsonRow(out, mFrames[i], frameColumns);
   }
-  const std::vector<Column>& faceColumns =
-      mColumns[SECTION_FACE].empty() ? mDefaultColumns[SECTION_FACE] : mColumns[SECTION_FACE];
+  const Precisions faceColumns = precisionsOf(
+      mColumns[SECTION_FACE].empty() ? mDefaultColumns[SECTION_FACE] : mColumns[SECTION_FACE]);
   out += "],\"faces\":[";
   for (size_t i = 0; i < mFaceGroups.size(); ++i) {
     if (i > 0) out += ',';
@@ -644,10 +647,11 @@ std::string KoStatsReader::toJson() const {
     out += "]}";
   }
   out += "],\"histograms\":[";
+  const Precisions histogramColumns = precisionsOf(mColumns[SECTION_HISTOGRAM]);
   for (size_t i = 0; i < mHistograms.size(); ++i) {
     if (i > 0) out += ',';
     out += '{';
-    jsonRowMembers(out, mHistograms[i].header, mColumns[SECTION_HISTOGRAM]);
+    jsonRowMembers(out, mHistograms[i].header, histogramColumns);
     out += ",\"bins\":[";
     for (size_t b = 0; b < mHistograms[i].bins.size(); ++b) {
       if (b > 0) out += ',';
@@ -656,10 +660,11 @@ std::string KoStatsReader::toJson() const {
     out += "]}";
   }
   out += "],\"raw\":[";
+  const Precisions rawColumns = precisionsOf(mColumns[SECTION_RAW]);
   for (size_t i = 0; i < mRawImages.size(); ++i) {
     if (i > 0) out += ',';
     out += '{';
-    jsonRowMembers(out, mRawImages[i].header, mColumns[SECTION_RAW]);
+    jsonRowMembers(out, mRawImages[i].header, rawColumns);
     out += ",\"pixelBytes\":";
     jsonInt(out, static_cast<int64_t>(mRawImages[i].pixelSize));
     out += '}';

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "KoStatsData.h"
@@ -354,4 +355,27 @@ TEST(KoStatsReader, RejectsMalformedRecords) {
   emptySegment(b, android::KO_EXIF_HISTOGRAM_HEADER);
   segment(b, android::KO_EXIF_HISTOGRAM_DATA, "5, 100, 3, 1, 2");
   EXPECT_TRUE(failsWith(b, "numBins 3 but 2 bin values"));
+
+  // A raw image segment with nothing after its segment header, alone or ending a record: its
+  // header line is missing, and nothing may be read past the record's last byte.
+  const Bytes emptyRaw = {0x0c, 0, 0, 0, 0x74, 0x64, 0x77, 0x72, 0x01, 0, 0, 0};
+  EXPECT_TRUE(failsWith(emptyRaw, "raw image segment without a header line in rwdt at"));
+  b = sessionOnly("8, 00.00.002, v1, 1, 0, 12, 0, 0");
+  b.insert(b.end(), emptyRaw.begin(), emptyRaw.end());
+  EXPECT_TRUE(failsWith(b, "raw image segment without a header line"));
+  // Every other kind of segment may be empty (its writer failed) at the end of a record.
+  const std::pair<uint32_t, uint32_t> sections[] = {
+      {android::KO_EXIF_SEQUENCE_HEADER, android::KO_EXIF_SEQUENCE_DATA},
+      {android::KO_EXIF_FRAME_HEADER, android::KO_EXIF_FRAME_DATA},
+      {android::KO_EXIF_FACE_HEADER, android::KO_EXIF_FACE_DATA},
+      {android::KO_EXIF_HISTOGRAM_HEADER, android::KO_EXIF_HISTOGRAM_DATA},
+      {android::KO_EXIF_RAW_HEADER, 0u}};
+  for (const std::pair<uint32_t, uint32_t>& pair : sections) {
+    const uint32_t type = pair.second != 0 ? pair.second : pair.first;
+    b = sessionOnly("8, 00.00.002, v1, 1, 0, 12, 0, 0");
+    emptySegment(b, pair.first);
+    if (pair.second != 0) emptySegment(b, pair.second);
+    KoStatsReader reader;
+    EXPECT_TRUE(reader.parse(b.data(), b.size())) << std::hex << type << ": " << reader.error();
+  }
 }
