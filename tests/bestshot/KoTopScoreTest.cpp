@@ -445,6 +445,7 @@ TEST(KoTopScoreDecision, LowLightWithAGoodCaptureCancelsTheBestShot) {
 }
 
 TEST(KoTopScoreDecision, BlurredBestShotIsCancelled) {
+  ASSERT_FALSE(sharpView().px.empty());
   auto b = scene();
   setPicture(b->frame(6), kocore_test::gaussianBlur(sharpView(), 3.0));
   listAndPress(*b);

@@ -97,7 +97,7 @@ std::vector<std::pair<Plane, Plane>> smallFramePairs() {
   }
   const Plane group = kocore_test::half(kocore_test::analysisView("solvay_1920x1080.nv21"));
   Plane moved = group;
-  std::rotate(moved.px.begin(), moved.px.begin() + 3, moved.px.end());
+  if (moved.px.size() > 3) std::rotate(moved.px.begin(), moved.px.begin() + 3, moved.px.end());
   pairs.emplace_back(group, moved);
   return pairs;
 }

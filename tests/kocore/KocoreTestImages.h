@@ -55,8 +55,15 @@ inline Plane half(const Plane& p) {
   return o;
 }
 
+// An empty plane (and a test failure) when the rectangle does not lie inside `p`, as when its
+// picture is missing.
 inline Plane crop(const Plane& p, int x0, int y0, int w, int h) {
   Plane o;
+  if (x0 < 0 || y0 < 0 || w <= 0 || h <= 0 || x0 + w > p.w || y0 + h > p.h) {
+    ADD_FAILURE() << "crop " << w << "x" << h << " at " << x0 << "," << y0 << " outside a "
+                  << p.w << "x" << p.h << " picture";
+    return o;
+  }
   o.w = w;
   o.h = h;
   o.px.resize(static_cast<size_t>(w) * h);
