@@ -786,7 +786,12 @@ int KoStatsData::genExifHistory(char* out, int outSize, KoGenFrameData_t* summar
   memset(line, 0, LINE_BUFFER_SIZE);
 
   Vector<KoDataSegments_t> segs;
-  int budget = EXIF_BUFFER_SIZE;
+  // The texts share what is left of the record once every segment's header is set aside (a
+  // section that fails still costs its 12 bytes), less one byte: a record that fills the buffer
+  // exactly counts as an overflow. So the record always fits, and a section that would not is
+  // dropped on its own, by its writer, which logs it.
+  const int segments = seq != nullptr ? 10 : 8;
+  int budget = EXIF_BUFFER_SIZE - 1 - segments * KO_EXIF_SEGMENT_HEADER_SIZE;
   char* cursor = work;
   // Adds the text just written at the cursor as the next segment.
   auto add = [&](KoExifDataTypes type, int length) {
@@ -794,11 +799,10 @@ int KoStatsData::genExifHistory(char* out, int outSize, KoGenFrameData_t* summar
     encapsulateData(&seg, type, length, KO_EXIF_SEGMENT_VERSION, cursor);
     segs.push_back(seg);
     cursor += length;
-    budget -= length + KO_EXIF_SEGMENT_HEADER_SIZE;
+    budget -= length;
   };
 
-  add(KO_EXIF_SESSION_HEADER,
-      genHeader(cursor, line, sSessionDataHeader, SESSION_ROWS, EXIF_BUFFER_SIZE));
+  add(KO_EXIF_SESSION_HEADER, genHeader(cursor, line, sSessionDataHeader, SESSION_ROWS, budget));
   add(KO_EXIF_SESSION_DATA, genSessionData(cursor, line, summary, budget));
   if (seq != nullptr) {
     add(KO_EXIF_SEQUENCE_HEADER,

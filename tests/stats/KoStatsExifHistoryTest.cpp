@@ -211,6 +211,69 @@ TEST(KoStatsExifHistory, FaceTextLargerThanTheBudgetIsLeftEmpty) {
   EXPECT_EQ(reader.histograms().size(), 30u);
 }
 
+// Records near the budget: the face text grows a digit at a time, so that the record's total
+// passes through the budget's last bytes. Every record fits and reads back; what does not fit is
+// dropped a section at a time (the histograms first, then the faces), and the writer says so.
+TEST(KoStatsExifHistory, RecordsAtTheBudgetAreWholeAndDropWholeSections) {
+  KoStatsData stats;
+  android::KoGenFrameData_t summary = makeSummary();
+  std::vector<sp<KoFrameData>> fs = frames(30, 5);
+  // The eleven printed coordinates of every face, widened to 10 digits one digit at a time.
+  auto widen = [&fs](int extra) {
+    for (sp<KoFrameData>& f : fs) {
+      for (uint32_t k = 0; k < f->mFaceData.record.numFaces; ++k) {
+        android::KO_cam_face_t& c = f->mFaceData.record.faces[k];
+        for (int32_t* v : {&c.id, &c.left, &c.top, &c.width, &c.height, &c.leftEyeX, &c.leftEyeY,
+                           &c.rightEyeX, &c.rightEyeY, &c.mouthX, &c.mouthY}) {
+          const int digits = std::min(9, extra);
+          extra -= digits;
+          *v = 1;
+          for (int d = 0; d < digits; ++d) *v *= 10;
+        }
+      }
+    }
+  };
+  // Digits added where the histograms stop fitting, and where the faces do.
+  std::vector<int> sweep;
+  for (int extra = 5500; extra <= 5600; ++extra) sweep.push_back(extra);
+  for (int extra = 12250; extra <= 12350; ++extra) sweep.push_back(extra);
+  int whole = 0, withoutHistograms = 0, withoutFaces = 0;
+  for (int extra : sweep) {
+    SCOPED_TRACE(extra);
+    widen(extra);
+    History h(fs);
+    GuardedBuffer out(kExif);
+    kovane_test::StderrCapture cap;
+    const int n =
+        stats.genExifHistory(out.data(), kExif, &summary, h.snapshot, nullptr, nullptr, -1, 0);
+    const std::string log = cap.finish();
+    EXPECT_EQ(log.find("buffer overflow"), std::string::npos) << log;
+    ASSERT_GT(n, 0);
+    ASSERT_LT(n, kExif);
+    EXPECT_TRUE(out.guardIntact());
+    KoStatsReader reader;
+    ASSERT_TRUE(reader.parse(out.data(), n)) << reader.error();
+    ASSERT_EQ(reader.segments().size(), 8u);
+    EXPECT_EQ(reader.frames().size(), 30u);
+    const size_t faces = reader.faceGroups().size(), histograms = reader.histograms().size();
+    EXPECT_TRUE(faces == 0 || faces == 30) << faces;
+    EXPECT_TRUE(histograms == 0 || histograms == 30) << histograms;
+    if (histograms == 0) {
+      ++withoutHistograms;
+      EXPECT_NE(log.find("genHistogramData maxSize reached"), std::string::npos) << log;
+    }
+    if (faces == 0) {
+      ++withoutFaces;
+      EXPECT_NE(log.find("genFaceData maxSize reached"), std::string::npos) << log;
+    }
+    if (faces == 30 && histograms == 30) ++whole;
+  }
+  // The sweep crossed both limits.
+  EXPECT_GT(whole, 0);
+  EXPECT_GT(withoutHistograms, 0);
+  EXPECT_GT(withoutFaces, 0);
+}
+
 // ---- Raw image sections
 
 namespace {
