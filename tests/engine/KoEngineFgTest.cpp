@@ -2,11 +2,16 @@
 // frame rate, low-fps, missing-face and replace-override derivations.
 #include <gtest/gtest.h>
 
+#include <dirent.h>
 #include <utils/Timers.h>
+
+#include <fstream>
+#include <string>
 
 #include "EngineTestSupport.h"
 #include "KoFrameDataCreate.h"
 #include "StderrCapture.h"
+#include "TestWait.h"
 
 using namespace android;
 using kovane_test::withForeground;
@@ -151,15 +156,37 @@ TEST(KoEngineFg, StatisticsOnRealFramesAndMotionCadence) {
   });
 }
 
+namespace {
+// Threads of this process named as the foreground looper names its thread.
+int foregroundThreads() {
+  int n = 0;
+  DIR* dir = opendir("/proc/self/task");
+  if (dir == nullptr) return -1;
+  while (const dirent* e = readdir(dir)) {
+    if (e->d_name[0] == '.') continue;
+    std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
+    std::string name;
+    if (std::getline(comm, name) && name == "KoEngineFg") ++n;
+  }
+  closedir(dir);
+  return n;
+}
+}  // namespace
+
 TEST(KoEngineFg, DroppedWithoutDeinitStillStopsItsLooper) {
   KO_KoEngineConfig_t config = {true, true, true};
   KoEngine engine(nullptr, &config);
-  // A second handler on its own looper, released without deinit: its destructor must not wait
-  // for a stop message that can no longer reach it.
+  ASSERT_TRUE(kovane_test::waitUntil([] { return foregroundThreads() == 1; }));
+  // A second handler on its own looper, released without deinit with a message on its way: its
+  // destructor must not wait for a stop message that can no longer reach it, and its thread
+  // must end.
   sp<KoEngineFg> fg = new KoEngineFg(&engine);
   fg->init(true);
+  ASSERT_TRUE(kovane_test::waitUntil([] { return foregroundThreads() == 2; }));
   sp<AMessage> msg = new AMessage(KoEngineFg::kWhatLate, fg->getHandlerId());
   msg->post();
   fg.clear();
-  SUCCEED();
+  msg.clear();
+  EXPECT_TRUE(kovane_test::waitUntil([] { return foregroundThreads() == 1; }))
+      << foregroundThreads() << " foreground threads left";
 }
