@@ -17,6 +17,7 @@
 #include "KoEngine.h"
 #include "KoEngineFg.h"
 #include "KoFrameHist.h"
+#include "KoStatsReader.h"
 #include "TestData.h"
 #include "TestWait.h"
 
@@ -86,8 +87,8 @@ class SimulatedCamera {
   }
   static int64_t timestampOf(uint32_t id) { return 1000000 + static_cast<int64_t>(id) * kFrameUs; }
 
-  // A face record with one face for frame `id`.
-  static android::KO_cam_face_detection_data_t face(uint32_t id) {
+  // A face record with one face for frame `id`, its eyes closed when `blink`.
+  static android::KO_cam_face_detection_data_t face(uint32_t id, bool blink = false) {
     android::KO_cam_face_detection_data_t f = {};
     f.frameId = id;
     f.numFaces = 1;
@@ -97,6 +98,11 @@ class SimulatedCamera {
     f.faces[0].width = 120;
     f.faces[0].height = 120;
     f.faces[0].smileDegree = 40;
+    if (blink) {
+      f.faces[0].blinkDetected = 1;
+      f.faces[0].leftBlink = 90;
+      f.faces[0].rightBlink = 90;
+    }
     return f;
   }
 
@@ -154,8 +160,15 @@ class SimulatedCamera {
     std::lock_guard<std::mutex> lock(mLock);
     return mEvents;
   }
+  // Faults found in the best-shot records received (see checkBestShotRecordLocked).
+  std::vector<std::string> recordFaults() {
+    std::lock_guard<std::mutex> lock(mLock);
+    return mRecordFaults;
+  }
 
   bool movingSubject = false;
+  // Frames whose face record has the eyes closed (set before the frames are posted).
+  std::set<uint32_t> blinks;
   static constexpr int kPatch = 600;
 
   // A slow consumer: callbacks of this kind block while set.
@@ -196,6 +209,41 @@ class SimulatedCamera {
     std::lock_guard<std::mutex> lock(cam->mLock);
     cam->mBestShotDone.push_back(jobId);
     cam->mEvents.push_back({Event::kBestShotDone, jobId, result ? result->frameId : 0, result && result->replace});
+    cam->checkBestShotRecordLocked(jobId, result);
+  }
+
+  // What a camera reads of a best-shot record, while the callback runs: the chosen frame's ZSL
+  // buffer (still lent, not yet handed back), the capture's configuration and the frame's
+  // metadata as given, its analysis image, and a statistics record of this job.
+  void checkBestShotRecordLocked(int jobId, const android::KO_bestShotDone_cb_t* r) {
+    auto fault = [&](const std::string& what) {
+      mRecordFaults.push_back("job " + std::to_string(jobId) + ": " + what);
+    };
+    if (r == nullptr) return fault("no record");
+    if (r->zslBuffer != nullptr && mOut.count(static_cast<uint8_t*>(r->zslBuffer)) == 0) {
+      fault("ZSL buffer not one the engine holds");
+    }
+    static const uint8_t kConfig[16] = {1, 2, 3};
+    if (r->configSize != sizeof(kConfig) || r->configData == nullptr ||
+        memcmp(r->configData, kConfig, sizeof(kConfig)) != 0) {
+      fault("configuration differs");
+    }
+    if (r->metaSize != sizeof(mMetaBytes) || r->metaData == nullptr ||
+        memcmp(r->metaData, mMetaBytes, sizeof(mMetaBytes)) != 0) {
+      fault("metadata differs");
+    }
+    if (r->yPlane == nullptr || r->width != 640 || r->height != 360 || r->stride != 640 ||
+        r->uPlane != r->yPlane + 640 * 360 || r->vPlane != r->uPlane + 320 * 180 ||
+        r->chromaWidth != 320 || r->chromaHeight != 180 || r->chromaStride != 320) {
+      fault("analysis image missing or misdescribed");
+    }
+    android::KoStatsReader reader;
+    if (r->exifData == nullptr || !reader.parse(r->exifData, r->exifSize)) {
+      fault("statistics record unreadable: " + reader.error());
+    } else if (!reader.hasSession() || reader.session().getInt("jobId") != jobId ||
+               reader.frames().empty()) {
+      fault("statistics record of another job or without frames");
+    }
   }
 
   std::vector<uint8_t> mPicture;
@@ -210,6 +258,7 @@ class SimulatedCamera {
   std::vector<int> mEngineDone;
   std::vector<int> mBestShotDone;
   std::vector<Event> mEvents;
+  std::vector<std::string> mRecordFaults;
   std::vector<std::vector<uint8_t>> mStatistics;
 };
 
@@ -235,7 +284,7 @@ inline android::KO_TakePicture_t picture(int jobId, uint32_t frameId, bool video
 inline void post(SimulatedCamera& cam, android::KoEngine* engine, uint32_t id) {
   android::KO_PreviewFrameData_t p = cam.preview(id);
   engine->handlePreviewFrame(&p);
-  android::KO_cam_face_detection_data_t face = SimulatedCamera::face(id);
+  android::KO_cam_face_detection_data_t face = SimulatedCamera::face(id, cam.blinks.count(id) != 0);
   android::KO_MetaFrameData_t meta = cam.meta(id);
   engine->handleMetadataFrame(&face, &meta);
   android::KO_ZslFrameData_t zsl;

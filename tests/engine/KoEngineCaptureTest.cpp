@@ -46,6 +46,8 @@ TEST(KoEngineCapture, ACaptureEveryHundredMillisecondsForTenSecondsAllFinish) {
   // camera then goes on after a while, and the captures must survive that as well.
   auto paced = [&](uint32_t id) { kovane_test::handOver(cam, engine, id); };
   const uint32_t kFrames = 300;
+  // Every shutter press falls on a blink; the frames between have the eyes open.
+  for (uint32_t id = 9; id <= kFrames; id += 3) cam.blinks.insert(id);
   std::vector<int> jobs;
   size_t mostHeld = 0;
   for (uint32_t id = 1; id <= kFrames; ++id) {
@@ -81,6 +83,18 @@ TEST(KoEngineCapture, ACaptureEveryHundredMillisecondsForTenSecondsAllFinish) {
       EXPECT_TRUE(std::binary_search(jobs.begin(), jobs.end(), e.jobId)) << e.jobId;
     }
   }
+
+  // The presses on blinks got best shots with the eyes open, and every best-shot record carried
+  // what the camera needs to use it.
+  size_t bestShots = 0;
+  for (const auto& e : events) {
+    if (e.kind != kovane_test::SimulatedCamera::Event::kBestShotDone) continue;
+    ++bestShots;
+    EXPECT_EQ(cam.blinks.count(e.frameId), 0u) << "job " << e.jobId << " chose blinked frame " << e.frameId;
+  }
+  EXPECT_GE(bestShots, jobs.size() / 2);
+  const std::vector<std::string> faults = cam.recordFaults();
+  EXPECT_TRUE(faults.empty()) << faults.size() << " faulty records, first: " << faults.front();
 
   // With every job done the engine holds at most the candidate list's five buffers and that of
   // the newest frame (the next frame's pass decides on it), and it never held more than seven.
