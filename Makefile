@@ -5,7 +5,7 @@ CMAKE_FLAGS ?=
 
 EVAL_CLIPS ?=
 
-.PHONY: all deps testdata build test test-asan test-tsan bench demo eval clean
+.PHONY: all deps testdata build test test-asan test-tsan soak bench demo eval clean
 
 all: build
 
@@ -45,6 +45,12 @@ demo: deps build/Makefile testdata
 eval: deps build/Makefile testdata
 	cmake --build build --target kovane-replay -j $(JOBS)
 	EVAL_CLIPS="$(EVAL_CLIPS)" ./scripts/replay-eval.sh
+
+# The engine soak at length: 10^6 frames of a random camera (ctest runs it for 20 s). SOAK_SEED
+# repeats a run.
+SOAK_SEED ?=
+soak: build testdata
+	KOVANE_SOAK_FRAMES=1000000 KOVANE_SOAK_SECONDS=0 KOVANE_SOAK_SEED=$(SOAK_SEED) build/tests/test_soak
 
 bench: build
 	./scripts/install-deps.sh --bench
