@@ -15,6 +15,7 @@ struct Camera {
     planes.numPlanes = 2;
     planes.mp[0] = {1920 * 1080, 0, 1920, 1080};
     planes.mp[1] = {1920 * 1080 / 2, 0, 1920, 540};
+    planes.frameLen = 1920 * 1080 * 3 / 2;
   }
   static int64_t timestampOf(uint32_t id) { return 1000000 + static_cast<int64_t>(id) * 33333; }
   android::KO_PreviewFrameData_t preview(uint32_t id) {

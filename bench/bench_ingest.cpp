@@ -80,6 +80,7 @@ Clip* clipOf(int w, int h) {
   clip.planes.numPlanes = 2;
   clip.planes.mp[0] = {w * h, 0, w, h};
   clip.planes.mp[1] = {w * h / 2, 0, w, h / 2};
+  clip.planes.frameLen = static_cast<uint32_t>(w * h * 3 / 2);
   return &clip;
 }
 

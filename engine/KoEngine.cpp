@@ -239,6 +239,9 @@ int KoEngine::handleZslFrame(KO_ZslFrameData_t* zsl) {
   pthread_mutex_lock(&mLock);
   if (mState != 2 && !zsl) {
     ALOG(LOG_ERROR, LOG_TAG, "%s: no ZSL record", "handleZslFrame");
+  } else if (mState != 2 && !zsl->buffer) {
+    // Nothing was lent, so nothing goes back.
+    ALOG(LOG_ERROR, LOG_TAG, "%s: ZSL record of frame %u without a buffer", "handleZslFrame", zsl->frameId);
   } else if (mState != 2) {
     if (mFg->isLateMode()) {
       postLateMessage();

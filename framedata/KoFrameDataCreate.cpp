@@ -250,6 +250,18 @@ status_t KoFrameDataCreate::downscaleImage(KO_cam_frame_len_offset_t* planes, sp
          planes->mp[0].stride, planes->mp[1].stride, width);
     return BAD_VALUE;
   }
+  // Every row read must lie inside the frame the camera handed over: the luma rows from the
+  // start, the interleaved chroma rows after the luma plane and the chroma plane's offset.
+  const int64_t lumaEnd = static_cast<int64_t>(height - 1) * lumaStride + width;
+  const int64_t chromaStart = static_cast<int64_t>(planes->mp[0].len) + planes->mp[1].offset;
+  const int64_t chromaEnd =
+      chromaStart + static_cast<int64_t>(height / 2 - 1) * planes->mp[1].stride + (width / 2) * 2;
+  if (planes->numPlanes < 2 || planes->mp[0].len < 0 || planes->mp[1].offset < 0 ||
+      chromaStart < lumaEnd || chromaEnd > static_cast<int64_t>(planes->frameLen)) {
+    ALOG(LOG_ERROR, LOG_TAG, "%s: %dx%d does not fit the frame's %u bytes as its %u planes lay it out",
+         "downscaleImage", width, height, planes->frameLen, planes->numPlanes);
+    return BAD_VALUE;
+  }
   frame->mWidth = outW;
   frame->mHeight = outH;
 

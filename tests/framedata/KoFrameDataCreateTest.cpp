@@ -257,6 +257,23 @@ TEST_F(FrameCreation, BadInputLosesTheFrameWithoutCrashing) {
   narrow.mp[0].stride = 320;
   bad.planes = &narrow;
   EXPECT_EQ(factory.newFrame(&bad, frame), 0);
+  // Layouts that would read past the frame handed over: a frame shorter than its size needs,
+  // a larger size than the buffer holds, chroma placed beyond the end or over the luma, one
+  // plane only.
+  for (int fault = 0; fault < 5; ++fault) {
+    bad = cam.preview;
+    KO_cam_frame_len_offset_t table = cam.planes;
+    switch (fault) {
+      case 0: table.frameLen -= 1; break;
+      case 1: bad.width = 1280, bad.height = 2880; break;
+      case 2: table.mp[1].offset = 64; break;
+      case 3: table.mp[0].len = 1920 * 1000; break;
+      default: table.numPlanes = 1; break;
+    }
+    bad.planes = &table;
+    EXPECT_EQ(factory.newFrame(&bad, frame), 0) << fault;
+    EXPECT_EQ(frame, nullptr) << fault;
+  }
   EXPECT_EQ(factory.newFrame(nullptr, frame), 0);
   quiet.finish();
   EXPECT_EQ(frame, nullptr);
