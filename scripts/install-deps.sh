@@ -20,6 +20,8 @@ PACKAGES=(
 
 # `--bench`: also OpenCV, the reference that bench_ingest measures the engine against.
 if [ "${1:-}" = "--bench" ]; then PACKAGES+=(libopencv-dev); fi
+# `--fuzz`: clang, whose libFuzzer drives the fuzz targets under tests/fuzz.
+if [ "${1:-}" = "--fuzz" ]; then PACKAGES+=(clang); fi
 
 # The webcam clips come from the npm registry when no prepared test folder has them.
 root="$(cd "$(dirname "$0")/.." && pwd)"

@@ -1,0 +1,46 @@
+#pragma once
+// Fuzz targets: each takes one input and returns 0; a fault aborts (or trips a sanitizer). Built
+// into libFuzzer programs by `make fuzz` (clang), and into the corpus replay test that ctest runs
+// on every build.
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace kovane_fuzz {
+
+// Any byte string given to the statistics reader: a parse or a clear error.
+int statsReader(const uint8_t* data, size_t size);
+// A statistics record written from frames, faces and a capture made of the input reads back.
+int statsRoundTrip(const uint8_t* data, size_t size);
+// The input as a sequence of calls on an engine, with hostile records.
+int engineCalls(const uint8_t* data, size_t size);
+
+// Reads values off the input; past its end every read gives 0.
+class Bytes {
+ public:
+  Bytes(const uint8_t* data, size_t size) : mData(data), mSize(size) {}
+  bool empty() const { return mPos >= mSize; }
+  uint8_t u8() { return mPos < mSize ? mData[mPos++] : 0; }
+  bool flag() { return (u8() & 1) != 0; }
+  uint32_t u32() {
+    uint32_t v = 0;
+    for (int k = 0; k < 4; ++k) v |= static_cast<uint32_t>(u8()) << (8 * k);
+    return v;
+  }
+  int32_t i32() { return static_cast<int32_t>(u32()); }
+  float f32() {
+    const uint32_t w = u32();
+    float f;
+    memcpy(&f, &w, sizeof f);
+    return f;
+  }
+  // An integer in [0, n).
+  uint32_t below(uint32_t n) { return n == 0 ? 0 : u32() % n; }
+
+ private:
+  const uint8_t* mData;
+  size_t mSize;
+  size_t mPos = 0;
+};
+
+}  // namespace kovane_fuzz
