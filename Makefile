@@ -5,7 +5,7 @@ CMAKE_FLAGS ?=
 
 EVAL_CLIPS ?=
 
-.PHONY: all deps testdata build test test-asan test-tsan soak bench demo eval clean
+.PHONY: all deps testdata build test test-asan test-tsan soak fuzz bench demo eval clean
 
 all: build
 
@@ -52,6 +52,14 @@ SOAK_SEED ?=
 soak: build testdata
 	KOVANE_SOAK_FRAMES=1000000 KOVANE_SOAK_SECONDS=0 KOVANE_SOAK_SEED=$(SOAK_SEED) build/tests/test_soak
 
+# libFuzzer on every fuzz target for FUZZ_SECONDS each (clang build in build-fuzz/).
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	./scripts/install-deps.sh --fuzz
+	CC=clang CXX=clang++ cmake -S . -B build-fuzz -DKOVANE_FUZZ=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
+	cmake --build build-fuzz -j $(JOBS) --target fuzz_StatsReaderFuzz fuzz_StatsRoundTripFuzz fuzz_EngineCallsFuzz
+	FUZZ_SECONDS=$(FUZZ_SECONDS) ./scripts/run-fuzz.sh
+
 bench: build
 	./scripts/install-deps.sh --bench
 	cmake -S . -B build $(CMAKE_FLAGS)
@@ -59,4 +67,4 @@ bench: build
 	for b in build/bench/bench_*; do $$b; done
 
 clean:
-	rm -rf build build-asan build-tsan
+	rm -rf build build-asan build-tsan build-fuzz
