@@ -5,7 +5,7 @@ CMAKE_FLAGS ?=
 
 EVAL_CLIPS ?=
 
-.PHONY: all deps testdata build test test-asan test-tsan soak fuzz bench demo eval clean
+.PHONY: all deps testdata build test test-asan test-tsan soak fuzz coverage bench demo eval clean
 
 all: build
 
@@ -52,6 +52,15 @@ SOAK_SEED ?=
 soak: build testdata
 	KOVANE_SOAK_FRAMES=1000000 KOVANE_SOAK_SECONDS=0 KOVANE_SOAK_SEED=$(SOAK_SEED) build/tests/test_soak
 
+# Line coverage of the product's folders by the whole suite (build-cov/, gcov and lcov).
+coverage: deps testdata
+	./scripts/install-deps.sh --coverage
+	cmake -S . -B build-cov -DKOVANE_COVERAGE=ON -DCMAKE_BUILD_TYPE=Debug $(CMAKE_FLAGS)
+	cmake --build build-cov -j $(JOBS)
+	lcov --quiet --zerocounters --directory build-cov
+	cd build-cov && ctest -j $(JOBS) --timeout 600
+	./scripts/coverage-summary.sh
+
 # libFuzzer on every fuzz target for FUZZ_SECONDS each (clang build in build-fuzz/).
 FUZZ_SECONDS ?= 60
 fuzz: deps
@@ -67,4 +76,4 @@ bench: build
 	for b in build/bench/bench_*; do $$b; done
 
 clean:
-	rm -rf build build-asan build-tsan build-fuzz
+	rm -rf build build-asan build-tsan build-fuzz build-cov

@@ -22,6 +22,8 @@ PACKAGES=(
 if [ "${1:-}" = "--bench" ]; then PACKAGES+=(libopencv-dev); fi
 # `--fuzz`: clang, whose libFuzzer drives the fuzz targets under tests/fuzz.
 if [ "${1:-}" = "--fuzz" ]; then PACKAGES+=(clang); fi
+# `--coverage`: lcov, which gathers gcov's line counts for `make coverage`.
+if [ "${1:-}" = "--coverage" ]; then PACKAGES+=(lcov); fi
 
 # The webcam clips come from the npm registry when no prepared test folder has them.
 root="$(cd "$(dirname "$0")/.." && pwd)"
