@@ -171,9 +171,6 @@ class SimulatedCamera {
   std::set<uint32_t> blinks;
   static constexpr int kPatch = 600;
 
-  // A slow consumer: callbacks of this kind block while set.
-  std::atomic<int> mStatisticsDelayMs{0};
-
  private:
   static SimulatedCamera* self(void* cookie) { return static_cast<SimulatedCamera*>(cookie); }
   static void onFrameDone(void* cookie, void* buffer) {
@@ -194,7 +191,6 @@ class SimulatedCamera {
   }
   static void onStatistics(void* cookie, int /*jobId*/, android::KO_statistics_cb_t* stats) {
     SimulatedCamera* cam = self(cookie);
-    if (int delay = cam->mStatisticsDelayMs.load()) std::this_thread::sleep_for(std::chrono::milliseconds(delay));
     std::lock_guard<std::mutex> lock(cam->mLock);
     const uint8_t* data = static_cast<const uint8_t*>(stats->data);
     cam->mStatistics.emplace_back(data, data + stats->size);
