@@ -13,6 +13,7 @@
 #include "KoFrameHist.h"
 #include "KoFrameHistSnapshot.h"
 #include "KoStatsData.h"
+#include "TempFile.h"
 
 using android::KoFrameData;
 using android::KoStatsData;
@@ -50,17 +51,10 @@ ToolRun runTool(const std::string& args) {
 }
 
 // A temporary file holding bytes, removed at the end of the test.
-struct TempPath {
+struct TempPath : kovane_test::TempFile {
   explicit TempPath(const std::vector<char>& bytes) {
-    char name[] = "/tmp/kostats_dump_XXXXXX";
-    const int fd = mkstemp(name);
-    EXPECT_GE(fd, 0);
     EXPECT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    close(fd);
-    path = name;
   }
-  ~TempPath() { unlink(path.c_str()); }
-  std::string path;
 };
 
 // An EXIF history block (3, 0 prefix) of a two-frame capture.
@@ -106,12 +100,10 @@ TEST(KoStatsDump, PrintsARecordAsJson) {
                           0),
               0u)
         << r.out;
-    EXPECT_NE(r.out.find("\"jobId\":4,"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("\"sequence\":null"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("\"frame_id\":501,\"ts\":777001,"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("\"zsl_bs_capture\":\"CapturedNoZSL\""), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("\"lux_idx\":1.500,"), std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("\"faces\":[{\"face.id\":9,"), std::string::npos) << r.out;
+    for (const char* part : {"\"jobId\":4,", "\"sequence\":null", "\"frame_id\":501,\"ts\":777001,",
+                             "\"zsl_bs_capture\":\"CapturedNoZSL\"", "\"lux_idx\":1.500,", "\"faces\":[{\"face.id\":9,"}) {
+      EXPECT_NE(r.out.find(part), std::string::npos) << part << " in " << r.out;
+    }
     EXPECT_EQ(r.out.find("\"error\""), std::string::npos);
     EXPECT_EQ(r.out.back(), '\n');
 

@@ -1,6 +1,7 @@
 // The kovane-replay program end to end on a real clip: its outputs have the documented shape,
 // every ZSL buffer it lends comes back exactly once, a hand shake it injects shows in the
-// engine's own sharpness scores, and bad input ends in one clear line and a non-zero exit.
+// engine's own sharpness scores, summaries merge, and bad input ends in one clear line and a
+// non-zero exit.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +18,7 @@
 #include "ClipProbe.h"
 #include "MotionPhoto.h"
 #include "ReportWriter.h"
+#include "TempFile.h"
 #include "TestData.h"
 
 namespace {
@@ -70,18 +72,16 @@ nlohmann::json readJson(const std::string& path) {
 TEST(KovaneReplay, BadInputEndsInOneLineAndANonZeroExit) {
   const std::string clip = kovane_test::testDataPath("webcam_face_b_400x300_25fps.mp4");
   ASSERT_FALSE(clip.empty());
-  char junk[] = "/tmp/kovane_junk_XXXXXX";
-  const int fd = mkstemp(junk);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(write(fd, "not a clip at all\n", 18), 18);
-  close(fd);
+  const kovane_test::TempFile junkFile;
+  ASSERT_EQ(write(junkFile.fd, "not a clip at all\n", 18), 18);
+  const std::string junk = junkFile.path;
   const std::string common = " --out /tmp/kovane_replay_bad --faces none --quiet";
   const struct {
     std::string args;
     std::string says;  // a word the error line must hold
   } cases[] = {
       {"/nonexistent/clip.mp4" + common, "/nonexistent/clip.mp4"},
-      {std::string(junk) + common, junk},
+      {junk + common, junk},
       {clip + common + " --warmup 100", "warm-up"},
       {clip + common + " --size 330x200", "330x200"},
       {clip + common + " --shutter 99", "99"},
@@ -96,7 +96,6 @@ TEST(KovaneReplay, BadInputEndsInOneLineAndANonZeroExit) {
     ASSERT_EQ(lines.size(), 1u) << r.err;
     EXPECT_NE(lines[0].find(c.says), std::string::npos) << lines[0];
   }
-  unlink(junk);
   system("rm -rf /tmp/kovane_replay_bad");
 }
 
@@ -159,7 +158,17 @@ TEST(KovaneReplay, AReplayWritesValidOutputsReturnsEveryBufferAndSeesTheShake) {
   EXPECT_NE(html.find("<svg"), std::string::npos);
   EXPECT_EQ(html.find("http://"), std::string::npos);
   EXPECT_EQ(html.find("https://"), std::string::npos);
-  system(("rm -rf " + out).c_str());
+
+  // Several replays' summaries (here the same one twice) make one table whose rows add up.
+  const std::string merged = tempDir();
+  const Result m = runReplay("--merge " + out + "/summary.json " + out + "/summary.json --out " + merged);
+  ASSERT_EQ(m.status, 0) << m.err;
+  EXPECT_NE(m.out.find("defocus"), std::string::npos);
+  const nlohmann::json total = readJson(merged + "/summary.json");
+  ASSERT_TRUE(kovane_replay::ReportWriter::validateSummary(total, &error)) << error;
+  EXPECT_EQ(total["kinds"].back()["presses"].get<int>(), 2 * summary["kinds"].back()["presses"].get<int>());
+  EXPECT_EQ(total["runs"].size(), 2u);
+  system(("rm -rf " + out + " " + merged).c_str());
 }
 
 // With --video every press asks for a clip: the talking head at 8 s holds too still for one,
@@ -200,24 +209,4 @@ TEST(KovaneReplay, VideoWritesTheEngineClipOfEachPressThatGotOne) {
   EXPECT_NE(readFile(out + "/report.html").find("<video controls muted loop playsinline preload=\"metadata\" src=\"" + file + "\""),
             std::string::npos);
   system(("rm -rf " + out).c_str());
-}
-
-// Several replays' summaries make one table whose rows add up.
-TEST(KovaneReplay, MergesSummariesOfSeveralReplays) {
-  const std::string clip = kovane_test::testDataPath("webcam_face_b_400x300_25fps.mp4");
-  ASSERT_FALSE(clip.empty());
-  const std::string a = tempDir(), b = tempDir(), m = tempDir();
-  ASSERT_EQ(runReplay(clip + " --out " + a + " --faces none --until 8 --shutter auto:2 --quiet").status, 0);
-  ASSERT_EQ(runReplay(clip + " --out " + b + " --faces none --until 8 --shutter none --degrade defocus*2 --quiet").status, 0);
-  const Result r = runReplay("--merge " + a + "/summary.json " + b + "/summary.json --out " + m);
-  ASSERT_EQ(r.status, 0) << r.err;
-  EXPECT_NE(r.out.find("defocus"), std::string::npos);
-  const nlohmann::json merged = readJson(m + "/summary.json");
-  std::string error;
-  ASSERT_TRUE(kovane_replay::ReportWriter::validateSummary(merged, &error)) << error;
-  const nlohmann::json sa = readJson(a + "/summary.json"), sb = readJson(b + "/summary.json");
-  EXPECT_EQ(merged["kinds"].back()["presses"].get<int>(),
-            sa["kinds"].back()["presses"].get<int>() + sb["kinds"].back()["presses"].get<int>());
-  EXPECT_EQ(merged["runs"].size(), 2u);
-  system(("rm -rf " + a + " " + b + " " + m).c_str());
 }

@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "DegradationSpec.h"
 
 using kovane_replay::DegradationRequest;
@@ -10,36 +12,31 @@ using ::testing::HasSubstr;
 
 namespace {
 
-std::vector<DegradationRequest> parsed(const std::string& text) {
+// Each request as "kind@seconds item" (an automatic time is -1).
+std::vector<std::string> parsed(const std::string& text) {
   std::vector<DegradationRequest> out;
   std::string error;
   EXPECT_TRUE(DegradationSpec::parse(text, &out, &error)) << text << ": " << error;
-  return out;
+  std::vector<std::string> requests;
+  for (const DegradationRequest& r : out) {
+    std::ostringstream s;
+    s << r.kind << "@" << r.atSeconds << " " << r.item;
+    requests.push_back(s.str());
+    EXPECT_EQ(r.automatic(), r.atSeconds < 0) << s.str();
+  }
+  return requests;
 }
 
 TEST(DegradationSpec, ReadsKindsTimesAndCounts) {
   EXPECT_TRUE(parsed("").empty());
   EXPECT_TRUE(parsed("  ").empty());
-
-  auto r = parsed("blink@2.5, shake ,defocus*3,Exposure@7,noise@0");
-  ASSERT_EQ(r.size(), 7u);
-  EXPECT_EQ(r[0].kind, "blink");
-  EXPECT_DOUBLE_EQ(r[0].atSeconds, 2.5);
-  EXPECT_EQ(r[1].kind, "shake");
-  EXPECT_TRUE(r[1].automatic());
-  for (int i = 2; i < 5; ++i) {
-    EXPECT_EQ(r[i].kind, "defocus");
-    EXPECT_EQ(r[i].atSeconds, -1.0);
-    EXPECT_EQ(r[i].item, "defocus*3");
-  }
-  EXPECT_EQ(r[5].kind, "exposure");
-  EXPECT_DOUBLE_EQ(r[5].atSeconds, 7.0);
-  EXPECT_EQ(r[6].kind, "noise");
-  EXPECT_DOUBLE_EQ(r[6].atSeconds, 0.0);
-
-  EXPECT_EQ(parsed("noise*1").size(), 1u);
-  EXPECT_DOUBLE_EQ(parsed("shake@.5")[0].atSeconds, 0.5);
-  EXPECT_DOUBLE_EQ(parsed("shake@1e1")[0].atSeconds, 10.0);
+  EXPECT_EQ(parsed("blink@2.5, shake ,defocus*3,Exposure@7,noise@0"),
+            (std::vector<std::string>{"blink@2.5 blink@2.5", "shake@-1 shake", "defocus@-1 defocus*3",
+                                      "defocus@-1 defocus*3", "defocus@-1 defocus*3", "exposure@7 Exposure@7",
+                                      "noise@0 noise@0"}));
+  EXPECT_EQ(parsed("noise*1"), (std::vector<std::string>{"noise@-1 noise*1"}));
+  EXPECT_EQ(parsed("shake@.5"), (std::vector<std::string>{"shake@0.5 shake@.5"}));
+  EXPECT_EQ(parsed("shake@1e1"), (std::vector<std::string>{"shake@10 shake@1e1"}));
 }
 
 TEST(DegradationSpec, RejectsBadItemsNamingThem) {

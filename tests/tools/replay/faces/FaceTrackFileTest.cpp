@@ -6,6 +6,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "FacesTempDir.h"
@@ -39,25 +40,11 @@ FaceRecord face(int id, int left, float ear) {
   return r;
 }
 
-void expectSame(const FaceRecord& a, const FaceRecord& b) {
-  EXPECT_EQ(a.id, b.id);
-  EXPECT_EQ(a.score, b.score);
-  EXPECT_EQ(a.left, b.left);
-  EXPECT_EQ(a.top, b.top);
-  EXPECT_EQ(a.width, b.width);
-  EXPECT_EQ(a.height, b.height);
-  EXPECT_EQ(a.leftEyeX, b.leftEyeX);
-  EXPECT_EQ(a.leftEyeY, b.leftEyeY);
-  EXPECT_EQ(a.rightEyeX, b.rightEyeX);
-  EXPECT_EQ(a.rightEyeY, b.rightEyeY);
-  EXPECT_EQ(a.mouthX, b.mouthX);
-  EXPECT_EQ(a.mouthY, b.mouthY);
-  EXPECT_EQ(a.leftBlink, b.leftBlink);
-  EXPECT_EQ(a.rightBlink, b.rightBlink);
-  EXPECT_EQ(a.smile, b.smile);
-  EXPECT_EQ(a.leftEar, b.leftEar);  // exact: the file keeps every bit of the float
-  EXPECT_EQ(a.rightEar, b.rightEar);
-  EXPECT_EQ(a.mouthRatio, b.mouthRatio);
+// Every field of a record; floats compare exactly, since the file keeps every bit of them.
+auto fieldsOf(const FaceRecord& r) {
+  return std::make_tuple(r.id, r.score, r.left, r.top, r.width, r.height, r.leftEyeX, r.leftEyeY, r.rightEyeX,
+                         r.rightEyeY, r.mouthX, r.mouthY, r.leftBlink, r.rightBlink, r.smile, r.leftEar, r.rightEar,
+                         r.mouthRatio);
 }
 
 const char* kHeader =
@@ -87,12 +74,12 @@ TEST(FaceTrackFile, RoundTripKeepsEveryFieldFrameAndTrailingEmptyFrames) {
   EXPECT_TRUE(back[1].empty());
   ASSERT_EQ(back[2].size(), 1u);
   for (int f = 3; f < 6; ++f) EXPECT_TRUE(back[f].empty());
-  expectSame(back[0][0], faces[0][0]);
-  expectSame(back[0][1], faces[0][1]);
-  expectSame(back[2][0], faces[2][0]);
-  EXPECT_EQ(FaceTrackFile::metaValue(readMeta, "clip-sha256"), "abc123");
-  EXPECT_EQ(FaceTrackFile::metaValue(readMeta, "size"), "400x300");
-  EXPECT_EQ(FaceTrackFile::metaValue(readMeta, "frames"), "6");
+  for (const auto& fi : std::vector<std::pair<int, int>>{{0, 0}, {0, 1}, {2, 0}}) {
+    EXPECT_EQ(fieldsOf(back[fi.first][fi.second]), fieldsOf(faces[fi.first][fi.second]));
+  }
+  for (const auto& kv : FaceTrackFile::Meta{{"clip-sha256", "abc123"}, {"size", "400x300"}, {"frames", "6"}}) {
+    EXPECT_EQ(FaceTrackFile::metaValue(readMeta, kv.first), kv.second);
+  }
   EXPECT_EQ(FaceTrackFile::format(back, meta), FaceTrackFile::format(faces, meta));
 
   // The text names its columns in a header row and has one row per face.

@@ -9,6 +9,7 @@
 #include "ClipDecoder.h"
 #include "JpegDecode.h"
 #include "JpegWriter.h"
+#include "TempFile.h"
 #include "TestData.h"
 
 using kovane_replay::ClipDecoder;
@@ -30,20 +31,6 @@ double meanRect(const kovane_replay::Nv21Image& img, int x0, int y0, int w, int 
     for (int x = x0; x < x0 + w; ++x) s += img.y()[static_cast<size_t>(y) * img.width + x];
   return s / (static_cast<double>(w) * h);
 }
-
-// Every frame of a clip at a size.
-bool decodeAll(const std::string& path, int width, int height, std::vector<ClipFrame>& out, std::string* error) {
-  ClipDecoder d;
-  if (!d.open(path) || !d.setOutput(width, height, ClipDecoder::FIT_CROP)) {
-    *error = d.error();
-    return false;
-  }
-  ClipFrame f;
-  while (d.next(f)) out.push_back(std::move(f));
-  *error = d.error();
-  return error->empty();
-}
-
 
 }  // namespace
 
@@ -70,28 +57,28 @@ TEST(ClipDecoder, ReadsTheClipWithItsTimesAtAnySize) {
 
   // Crop to 16:9 keeps the width (the picture is scaled to 640x480 and cut to 640x360);
   // letterbox puts black bars left and right of a 480x360 picture.
-  std::vector<ClipFrame> crop, box, own;
-  std::string error;
-  ASSERT_TRUE(decodeAll(clip, 640, 480, own, &error)) << error;
-  EXPECT_EQ(own.size(), 1337u);
-  d.open(clip);
-  ASSERT_TRUE(d.setOutput(640, 360, ClipDecoder::FIT_CROP));
-  ASSERT_TRUE(d.next(f));
-  crop.push_back(f);
-  d.open(clip);
-  ASSERT_TRUE(d.setOutput(640, 360, ClipDecoder::FIT_LETTERBOX));
-  ASSERT_TRUE(d.next(f));
-  box.push_back(f);
+  auto firstFrame = [&](int width, int height, ClipDecoder::Fit fit) {
+    EXPECT_TRUE(d.open(clip) && d.setOutput(width, height, fit)) << d.error();
+    ClipFrame first;
+    EXPECT_TRUE(d.next(first)) << d.error();
+    return first.image;
+  };
+  const kovane_replay::Nv21Image full = firstFrame(640, 480, ClipDecoder::FIT_CROP);
+  int frames = 1;
+  while (d.next(f)) ++frames;
+  EXPECT_TRUE(d.error().empty()) << d.error();
+  EXPECT_EQ(frames, 1337);
+  const kovane_replay::Nv21Image crop = firstFrame(640, 360, ClipDecoder::FIT_CROP);
+  const kovane_replay::Nv21Image box = firstFrame(640, 360, ClipDecoder::FIT_LETTERBOX);
+  ASSERT_TRUE(full.width == 640 && crop.width == 640 && box.width == 640);
   // The crop is the middle band of the 640x480 frame.
-  const auto& full = own[0].image;
   double diff = 0;
   for (int y = 0; y < 360; ++y)
-    for (int x = 0; x < 640; ++x)
-      diff += std::abs(crop[0].image.y()[y * 640 + x] - full.y()[(y + 60) * 640 + x]);
+    for (int x = 0; x < 640; ++x) diff += std::abs(crop.y()[y * 640 + x] - full.y()[(y + 60) * 640 + x]);
   EXPECT_LT(diff / (640.0 * 360), 1.5);
-  EXPECT_NEAR(meanRect(box[0].image, 0, 0, 70, 360), 16.0, 0.5);
-  EXPECT_NEAR(meanRect(box[0].image, 570, 0, 70, 360), 16.0, 0.5);
-  EXPECT_GT(std::abs(meanRect(box[0].image, 100, 0, 440, 360) - 16.0), 20.0);
+  EXPECT_NEAR(meanRect(box, 0, 0, 70, 360), 16.0, 0.5);
+  EXPECT_NEAR(meanRect(box, 570, 0, 70, 360), 16.0, 0.5);
+  EXPECT_GT(std::abs(meanRect(box, 100, 0, 440, 360) - 16.0), 20.0);
 
   // --fps overrides the time line.
   d.open(clip);
@@ -105,14 +92,10 @@ TEST(ClipDecoder, RejectsMissingAndUndecodableFilesAndBadSizes) {
   ClipDecoder d;
   EXPECT_FALSE(d.open("/nonexistent/clip.mp4"));
   EXPECT_NE(d.error().find("/nonexistent/clip.mp4"), std::string::npos);
-  char name[] = "/tmp/kovane_notaclip_XXXXXX";
-  const int fd = mkstemp(name);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(write(fd, "this is not a video\n", 20), 20);
-  close(fd);
-  EXPECT_FALSE(d.open(name));
+  const kovane_test::TempFile notAClip;
+  ASSERT_EQ(write(notAClip.fd, "this is not a video\n", 20), 20);
+  EXPECT_FALSE(d.open(notAClip.path));
   EXPECT_FALSE(d.error().empty());
-  unlink(name);
   ClipFrame f;
   EXPECT_FALSE(d.next(f));
 
@@ -124,7 +107,6 @@ TEST(ClipDecoder, RejectsMissingAndUndecodableFilesAndBadSizes) {
 
 // A picture written as JPEG reads back as the same picture, within coding loss.
 TEST(JpegWriter, EncodesAFrameThatDecodesToTheSamePicture) {
-  std::vector<ClipFrame> frames;
   std::string error;
   ClipDecoder d;
   ASSERT_TRUE(d.open(kovane_test::testDataPath("cockatoo_1280x720_20fps.mp4")));

@@ -3,10 +3,11 @@
 // and its charts laid out.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <optional>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -24,19 +25,13 @@ using kovane_replay::Metrics;
 using kovane_replay::PressResult;
 using kovane_replay::ReportWriter;
 using kovane_replay_test::TempDir;
+using kovane_replay_test::readFile;
 using kovane_replay_test::sampleRun;
 using kovane_replay_test::timelinePress;
 
 namespace {
 
 const char* const kChromium = "/usr/bin/chromium";
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
 
 size_t countOf(const std::string& text, const std::string& what) {
   size_t n = 0;
@@ -57,11 +52,6 @@ std::vector<std::string> rowCells(const std::string& html, const std::string& ro
     at = close;
   }
   return cells;
-}
-
-off_t fileSize(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
 }
 
 // A replay of three presses written the way the runner leaves it: the pictures under
@@ -111,11 +101,19 @@ int runChromium(const std::string& page, const std::string& mode, const std::str
 
 }  // namespace
 
+// The runner's three outputs: valid documents, and a page that fetches nothing and shows
+// summary.json's numbers.
 TEST(HtmlReportPage, IsSelfContainedWithPicturesChartsAndTheSummaryNumbers) {
   WrittenReport r;
   writeReport(r, true);
   const std::string& html = r.html;
-  ASSERT_FALSE(html.empty());
+  std::string error;
+  EXPECT_TRUE(ReportWriter::validateDecisions(nlohmann::json::parse(readFile(r.dir.file("decisions.json"))), &error))
+      << error;
+  const nlohmann::json summary = nlohmann::json::parse(readFile(r.dir.file("summary.json")));
+  EXPECT_TRUE(ReportWriter::validateSummary(summary, &error)) << error;
+  EXPECT_EQ(html.rfind("<!DOCTYPE html>", 0), 0u);
+  EXPECT_NE(html.find("data:image/jpeg;base64,/9j/"), std::string::npos);
   // Nothing fetched: no address, no external file, every source an inline picture, no script.
   EXPECT_EQ(html.find("http:"), std::string::npos);
   EXPECT_EQ(html.find("https:"), std::string::npos);
@@ -134,24 +132,36 @@ TEST(HtmlReportPage, IsSelfContainedWithPicturesChartsAndTheSummaryNumbers) {
   EXPECT_EQ(html.find("no engine pick"), std::string::npos);
   EXPECT_NE(html.find("no engine decision"), std::string::npos);
   // The table shows summary.json's numbers.
-  const nlohmann::json summary = nlohmann::json::parse(readFile(r.dir.file("summary.json")));
   const nlohmann::json& all = summary["kinds"].back();
-  const std::vector<std::string> cells = rowCells(html, "<tr class=\"total\">");
-  ASSERT_EQ(cells.size(), 12u);
-  EXPECT_EQ(cells[0], "all");
-  EXPECT_EQ(cells[1], "3");
-  EXPECT_EQ(cells[2], Metrics::formatPercent(all["captured_good_pct"].get<double>()));
-  EXPECT_EQ(cells[2], "33.3%");
-  EXPECT_EQ(cells[3], "2");
-  EXPECT_EQ(cells[4], Metrics::formatPercent(all["engine"]["good_pct"].get<double>()));
-  EXPECT_EQ(cells[5], Metrics::formatPercent(all["engine"]["rescued_pct"].get<double>()));
-  EXPECT_EQ(cells[7], std::to_string(all["engine"]["needless"].get<int>()));
-  EXPECT_EQ(cells[8], Metrics::formatPercent(all["baseline"]["good_pct"].get<double>()));
-  EXPECT_EQ(cells[11], std::to_string(all["baseline"]["needless"].get<int>()));
+  auto pct = [](const nlohmann::json& v) {
+    return Metrics::formatPercent(v.is_null() ? std::nullopt : std::optional<double>(v.get<double>()));
+  };
+  std::vector<std::string> want = {"all", std::to_string(all["presses"].get<int>()), pct(all["captured_good_pct"]),
+                                   std::to_string(all["decided"].get<int>())};
+  for (const char* side : {"engine", "baseline"}) {
+    const nlohmann::json& s = all[side];
+    for (const std::string& cell : {pct(s["good_pct"]), pct(s["rescued_pct"]),
+                                    std::to_string(s["harmed"].get<int>()), std::to_string(s["needless"].get<int>())}) {
+      want.push_back(cell);
+    }
+  }
+  EXPECT_EQ(rowCells(html, "<tr class=\"total\">"), want);
+  EXPECT_EQ(want[2], "33.3%");
   // Per press: labels and the baseline's frame.
   EXPECT_NE(html.find("Sharpest-frame pick (baseline): frame 118"), std::string::npos);
   EXPECT_NE(html.find("injected blink, degree 90"), std::string::npos);
   EXPECT_NE(html.find("shake, blur 6.5 px"), std::string::npos);
+
+  // Merged outputs, and a folder that cannot be written.
+  ASSERT_TRUE(ReportWriter::writeMerged(r.dir.path(), {sampleRun(true), sampleRun(false)},
+                                        Metrics::summarize(r.presses), &error))
+      << error;
+  EXPECT_TRUE(ReportWriter::validateSummary(nlohmann::json::parse(readFile(r.dir.file("summary.json"))), &error))
+      << error;
+  EXPECT_NE(readFile(r.dir.file("report.html")).find("2 replays"), std::string::npos);
+  EXPECT_FALSE(ReportWriter::writeRun(r.dir.file("no/such/folder"), sampleRun(true), r.presses, &error));
+  EXPECT_NE(error.find("cannot write"), std::string::npos) << error;
+  EXPECT_NE(error.find("no/such/folder"), std::string::npos) << error;
 }
 
 TEST(HtmlReportPage, SaysSoWhenTheEngineDecidedNothingOrAPictureIsMissing) {
@@ -203,7 +213,7 @@ TEST(HtmlReportPage, OpensInHeadlessChromiumWithoutErrors) {
   const std::string png = r.dir.file("shot.png");
   ASSERT_EQ(runChromium(page, "--screenshot=" + png, r.dir.file("shot.out"), r.dir.file("shot.err")), 0)
       << readFile(r.dir.file("shot.err"));
-  EXPECT_GT(fileSize(png), 40000) << "a screenshot of the whole page is more than a blank picture";
+  EXPECT_GT(std::filesystem::file_size(png), 40000u) << "a screenshot of the whole page is more than a blank picture";
   const std::string log = readFile(r.dir.file("shot.err"));
   EXPECT_TRUE(consoleLines(log).empty()) << log;
   // KOVANE_KEEP_REPORT=FILE keeps a copy of the page to look at.

@@ -14,25 +14,17 @@ using kovane_replay_test::barePress;
 
 namespace {
 
-const KindSummary& rowOf(const std::vector<KindSummary>& rows, const std::string& kind) {
+// A row as "kind: presses capturedGood decided | engine good rescued harmed needless | baseline
+// good rescued harmed needless", so that a whole table compares in one go.
+std::vector<std::string> countsOf(const std::vector<KindSummary>& rows) {
+  std::vector<std::string> out;
   for (const KindSummary& r : rows) {
-    if (r.kind == kind) return r;
+    std::ostringstream s;
+    s << r.kind << ": " << r.presses << " " << r.capturedGood << " " << r.decided << " | " << r.engineGood << " "
+      << r.engineRescued << " " << r.engineHarmed << " " << r.engineNeedless << " | " << r.baselineGood << " "
+      << r.baselineRescued << " " << r.baselineHarmed << " " << r.baselineNeedless;
+    out.push_back(s.str());
   }
-  static const KindSummary none;
-  ADD_FAILURE() << "no row " << kind;
-  return none;
-}
-
-std::vector<std::string> kindsOf(const std::vector<KindSummary>& rows) {
-  std::vector<std::string> out;
-  for (const KindSummary& r : rows) out.push_back(r.kind);
-  return out;
-}
-
-std::vector<std::string> linesOf(const std::string& text) {
-  std::vector<std::string> out;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) out.push_back(line);
   return out;
 }
 
@@ -40,121 +32,82 @@ std::vector<std::string> linesOf(const std::string& text) {
 
 // Each press counts once for the engine's final picture and once for the baseline's pick.
 TEST(MetricsOutcome, RescuedHarmedAndNeedlessOfOnePress) {
-  // Bad capture, the engine moves to a good frame: rescued.
-  Metrics::Outcome o = Metrics::engineOutcome(barePress("blink", false, true, -3, true, 0, false));
-  EXPECT_TRUE(o.good);
-  EXPECT_TRUE(o.rescued);
-  EXPECT_FALSE(o.harmed);
-  EXPECT_FALSE(o.needless);
-  // Good capture replaced by a bad frame: harmed and needless.
-  o = Metrics::engineOutcome(barePress("clean", true, true, 2, false, 0, true));
-  EXPECT_FALSE(o.good);
-  EXPECT_FALSE(o.rescued);
-  EXPECT_TRUE(o.harmed);
-  EXPECT_TRUE(o.needless);
-  // Good capture replaced by another good frame: needless only.
-  o = Metrics::engineOutcome(barePress("clean", true, true, -1, true, 0, true));
-  EXPECT_TRUE(o.good);
-  EXPECT_FALSE(o.harmed);
-  EXPECT_TRUE(o.needless);
-  // Good capture kept: nothing to count but good.
-  o = Metrics::engineOutcome(barePress("clean", true, true, 0, true, 0, true));
-  EXPECT_TRUE(o.good);
-  EXPECT_FALSE(o.rescued || o.harmed || o.needless);
-  // Bad capture kept: neither good nor rescued.
-  o = Metrics::engineOutcome(barePress("shake", false, true, 0, false, 0, false));
-  EXPECT_FALSE(o.good || o.rescued || o.harmed || o.needless);
-
-  // The baseline is judged on its own frame, not the engine's.
-  const PressResult p = barePress("clean", true, true, 0, true, 4, false);
-  o = Metrics::baselineOutcome(p);
-  EXPECT_FALSE(o.good);
-  EXPECT_TRUE(o.harmed);
-  EXPECT_TRUE(o.needless);
-  o = Metrics::baselineOutcome(barePress("defocus", false, true, 0, false, -2, true));
-  EXPECT_TRUE(o.rescued);
-  EXPECT_FALSE(o.needless);
+  const struct {
+    const char* what;
+    PressResult press;
+    bool baseline, good, rescued, harmed, needless;
+  } cases[] = {
+      {"bad capture moved to a good frame", barePress("blink", false, true, -3, true, 0, false), false, true, true,
+       false, false},
+      {"good capture replaced by a bad frame", barePress("clean", true, true, 2, false, 0, true), false, false, false,
+       true, true},
+      {"good capture replaced by a good frame", barePress("clean", true, true, -1, true, 0, true), false, true, false,
+       false, true},
+      {"good capture kept", barePress("clean", true, true, 0, true, 0, true), false, true, false, false, false},
+      {"bad capture kept", barePress("shake", false, true, 0, false, 0, false), false, false, false, false, false},
+      // The baseline is judged on its own frame, not the engine's.
+      {"baseline spoils a good capture", barePress("clean", true, true, 0, true, 4, false), true, false, false, true,
+       true},
+      {"baseline rescues a bad capture", barePress("defocus", false, true, 0, false, -2, true), true, true, true,
+       false, false},
+  };
+  for (const auto& c : cases) {
+    const Metrics::Outcome o = c.baseline ? Metrics::baselineOutcome(c.press) : Metrics::engineOutcome(c.press);
+    EXPECT_EQ(std::vector<bool>({o.good, o.rescued, o.harmed, o.needless}),
+              std::vector<bool>({c.good, c.rescued, c.harmed, c.needless}))
+        << c.what;
+  }
 }
 
 TEST(MetricsSummary, CountsPerKindInTableOrderWithTheAllRowLast) {
-  const std::vector<PressResult> presses = {
-      barePress("noise", false, true, -2, true, -1, true),     // rescued by both
-      barePress("clean", true, true, 0, true, 0, true),        // kept
-      barePress("zoom", true, true, 0, true, 1, true),         // a kind the tables do not know
-      barePress("blink", false, true, 0, false, 2, true),      // engine kept the blink; baseline rescued
-      barePress("clean", true, true, 3, false, 0, true),       // engine harmed, needless
-      barePress("blink", false, true, -4, true, 0, false),     // engine rescued
+  const std::vector<KindSummary> rows = Metrics::summarize({
+      barePress("noise", false, true, -2, true, -1, true),  // rescued by both
+      barePress("clean", true, true, 0, true, 0, true),     // kept
+      barePress("zoom", true, true, 0, true, 1, true),      // a kind the tables do not know
+      barePress("blink", false, true, 0, false, 2, true),   // engine kept the blink; baseline rescued
+      barePress("clean", true, true, 3, false, 0, true),    // engine harmed, needless
+      barePress("blink", false, true, -4, true, 0, false),  // engine rescued
       barePress("natural-blink", false, false, 0, false, 0, false),
-      barePress("clean", true, true, -1, true, -2, true),      // needless for both
-      barePress("", true, true, 0, true, 0, true),             // no kind: clean
-  };
-  const std::vector<KindSummary> rows = Metrics::summarize(presses);
-  EXPECT_EQ(kindsOf(rows), (std::vector<std::string>{"clean", "blink", "natural-blink", "noise", "zoom", "all"}));
-
-  const KindSummary& clean = rowOf(rows, "clean");
-  EXPECT_EQ(clean.presses, 4);
-  EXPECT_EQ(clean.capturedGood, 4);
-  EXPECT_EQ(clean.decided, 4);
-  EXPECT_EQ(clean.engineGood, 3);
-  EXPECT_EQ(clean.engineRescued, 0);
-  EXPECT_EQ(clean.engineHarmed, 1);
-  EXPECT_EQ(clean.engineNeedless, 2);
-  EXPECT_EQ(clean.baselineGood, 4);
-  EXPECT_EQ(clean.baselineHarmed, 0);
-  EXPECT_EQ(clean.baselineNeedless, 1);
-
-  const KindSummary& blink = rowOf(rows, "blink");
-  EXPECT_EQ(blink.presses, 2);
-  EXPECT_EQ(blink.capturedGood, 0);
-  EXPECT_EQ(blink.engineGood, 1);
-  EXPECT_EQ(blink.engineRescued, 1);
-  EXPECT_EQ(blink.baselineRescued, 1);
-  EXPECT_EQ(blink.engineNeedless + blink.engineHarmed, 0);  // nothing good to spoil
-
-  const KindSummary& all = rowOf(rows, "all");
-  EXPECT_EQ(all.presses, 9);
-  EXPECT_EQ(all.capturedGood, 5);
-  EXPECT_EQ(all.decided, 8);
-  EXPECT_EQ(all.engineRescued, 2);
-  EXPECT_EQ(all.engineHarmed, 1);
-  EXPECT_EQ(all.baselineRescued, 2);
-  EXPECT_EQ(all.baselineNeedless, 2);
+      barePress("clean", true, true, -1, true, -2, true),  // needless for both
+      barePress("", true, true, 0, true, 0, true),         // no kind: clean
+  });
+  EXPECT_EQ(countsOf(rows), (std::vector<std::string>{
+                                "clean: 4 4 4 | 3 0 1 2 | 4 0 0 1",
+                                "blink: 2 0 2 | 1 1 0 0 | 1 1 0 0",  // nothing good to spoil
+                                "natural-blink: 1 0 0 | 0 0 0 0 | 0 0 0 0",
+                                "noise: 1 0 1 | 1 1 0 0 | 1 1 0 0",
+                                "zoom: 1 1 1 | 1 0 0 0 | 1 0 0 1",
+                                "all: 9 5 8 | 6 2 1 2 | 7 2 0 2",
+                            }));
   EXPECT_TRUE(Metrics::engineDecides(rows));
+  EXPECT_EQ(Metrics::allRow(rows), &rows.back());
 
   // Good % over every press, rescued % over the bad captures only.
+  const KindSummary &clean = rows[0], &blink = rows[1], &all = rows.back();
   EXPECT_DOUBLE_EQ(*Metrics::engineGoodPct(clean), 75.0);
   EXPECT_DOUBLE_EQ(*Metrics::engineRescuedPct(blink), 50.0);
   EXPECT_DOUBLE_EQ(*Metrics::engineRescuedPct(all), 50.0);  // 2 of 4 bad captures
   EXPECT_DOUBLE_EQ(*Metrics::capturedGoodPct(all), 100.0 * 5 / 9);
   EXPECT_FALSE(Metrics::engineRescuedPct(clean).has_value());  // no bad capture to rescue
   EXPECT_FALSE(Metrics::baselineRescuedPct(clean).has_value());
-}
 
-TEST(MetricsSummary, NoPressesGiveOnlyAnAllRowOfZeros) {
-  const std::vector<KindSummary> rows = Metrics::summarize({});
-  ASSERT_EQ(rows.size(), 1u);
-  EXPECT_EQ(rows[0].kind, "all");
-  EXPECT_EQ(rows[0].presses, 0);
-  EXPECT_FALSE(Metrics::engineGoodPct(rows[0]).has_value());
-  EXPECT_FALSE(Metrics::engineDecides(rows));
-  ASSERT_NE(Metrics::allRow(rows), nullptr);
+  // No presses: only an all row of zeros, and no percentages.
+  const std::vector<KindSummary> none = Metrics::summarize({});
+  EXPECT_EQ(countsOf(none), (std::vector<std::string>{"all: 0 0 0 | 0 0 0 0 | 0 0 0 0"}));
+  EXPECT_FALSE(Metrics::engineGoodPct(none[0]).has_value());
+  EXPECT_FALSE(Metrics::engineDecides(none));
+  ASSERT_NE(Metrics::allRow(none), nullptr);
 }
 
 // Without a best-shot decision the camera keeps its captured picture: the engine's columns
 // repeat the captured counts, and the table says why.
 TEST(MetricsSummary, WithoutAnEngineDecisionTheFinalIsTheCapturedPicture) {
-  const std::vector<PressResult> presses = {
+  const std::vector<KindSummary> rows = Metrics::summarize({
       barePress("clean", true, false, 0, true, -1, true),
       barePress("shake", false, false, 0, false, 2, true),
       barePress("shake", false, false, 0, false, 0, false),
-  };
-  const std::vector<KindSummary> rows = Metrics::summarize(presses);
-  const KindSummary& all = rowOf(rows, "all");
-  EXPECT_EQ(all.decided, 0);
-  EXPECT_EQ(all.engineGood, all.capturedGood);
-  EXPECT_EQ(all.engineRescued + all.engineHarmed + all.engineNeedless, 0);
-  EXPECT_EQ(all.baselineRescued, 1);
-  EXPECT_EQ(all.baselineNeedless, 1);
+  });
+  EXPECT_EQ(countsOf(rows).back(), "all: 3 1 0 | 1 0 0 0 | 2 1 0 1");
   EXPECT_FALSE(Metrics::engineDecides(rows));
 
   const std::string table = Metrics::formatTable(rows);
@@ -175,29 +128,14 @@ TEST(MetricsMerge, AddsTheRowsOfSeveralRunsKindByKind) {
       barePress("blink", false, true, 0, false, -1, true),
       barePress("clean", true, true, 2, false, 0, true),
   });
-  const std::vector<KindSummary> none = Metrics::summarize({});
-  const std::vector<KindSummary> merged = Metrics::merge({a, b, none});
-  EXPECT_EQ(kindsOf(merged), (std::vector<std::string>{"clean", "blink", "exposure", "all"}));
-  const KindSummary& blink = rowOf(merged, "blink");
-  EXPECT_EQ(blink.presses, 2);
-  EXPECT_EQ(blink.engineRescued, 1);
-  EXPECT_EQ(blink.baselineRescued, 1);
-  const KindSummary& clean = rowOf(merged, "clean");
-  EXPECT_EQ(clean.engineHarmed, 1);
-  EXPECT_EQ(clean.baselineNeedless, 1);
-  const KindSummary& all = rowOf(merged, "all");
-  EXPECT_EQ(all.presses, 5);
-  EXPECT_EQ(all.decided, 4);
-  EXPECT_EQ(all.capturedGood, 2);
-  EXPECT_EQ(all.engineGood, 2);
+  EXPECT_EQ(countsOf(Metrics::merge({a, b, Metrics::summarize({})})), (std::vector<std::string>{
+                                                                          "clean: 2 2 2 | 1 0 1 1 | 2 0 0 1",
+                                                                          "blink: 2 0 2 | 1 1 0 0 | 1 1 0 0",
+                                                                          "exposure: 1 0 0 | 0 0 0 0 | 0 0 0 0",
+                                                                          "all: 5 2 4 | 2 1 1 1 | 3 1 0 1",
+                                                                      }));
   // Merging one run changes nothing.
-  const std::vector<KindSummary> same = Metrics::merge({a});
-  ASSERT_EQ(same.size(), a.size());
-  for (size_t i = 0; i < a.size(); ++i) {
-    EXPECT_EQ(same[i].kind, a[i].kind);
-    EXPECT_EQ(same[i].engineRescued, a[i].engineRescued);
-    EXPECT_EQ(same[i].presses, a[i].presses);
-  }
+  EXPECT_EQ(countsOf(Metrics::merge({a})), countsOf(a));
 }
 
 TEST(MetricsTable, PercentagesAndColumnsForTheTerminal) {
@@ -213,7 +151,9 @@ TEST(MetricsTable, PercentagesAndColumnsForTheTerminal) {
       barePress("natural-blink", false, true, -2, true, 1, false),
       barePress("natural-blink", false, true, 0, false, 0, false),
   });
-  const std::vector<std::string> lines = linesOf(Metrics::formatTable(rows));
+  std::vector<std::string> lines;
+  std::istringstream in(Metrics::formatTable(rows));
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
   ASSERT_EQ(lines.size(), 2u + rows.size());
   EXPECT_NE(lines[0].find("engine (final picture)"), std::string::npos);
   EXPECT_NE(lines[0].find("baseline (sharpest frame)"), std::string::npos);

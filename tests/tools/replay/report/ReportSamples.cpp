@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <fstream>
+#include <sstream>
 
 #include "JpegWriter.h"
 
@@ -164,6 +166,13 @@ bool writePressPictures(const std::string& dir, const PressResult& press, std::s
                                           dir + "/" + press.capturedJpeg, 85, error) &&
          kovane_replay::JpegWriter::write(samplePicture(320, 180, press.finalFrame, !press.finalGood),
                                           dir + "/" + press.finalJpeg, 85, error);
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
 }
 
 }  // namespace kovane_replay_test

@@ -34,4 +34,7 @@ kovane_replay::Nv21Image samplePicture(int width, int height, int frame, bool ba
 // reason in *error.
 bool writePressPictures(const std::string& dir, const kovane_replay::PressResult& press, std::string* error);
 
+// The whole of a file ("" when it cannot be read).
+std::string readFile(const std::string& path);
+
 }  // namespace kovane_replay_test
