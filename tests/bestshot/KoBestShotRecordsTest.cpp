@@ -53,10 +53,7 @@ TEST(KoBestShotSort, EachOrderingIsStableAndNeverMovesNaNInFront) {
 }
 
 TEST(KoTopScore, SetBestShotAlgBitsReplacesOnlyTheThreeRuleBits) {
-  struct Case {
-    bool first, second, third;
-    uint32_t bits;
-  } cases[] = {
+  struct Case { bool first, second, third; uint32_t bits; } cases[] = {
       {false, false, false, 0x0}, {true, false, false, 0x1}, {false, true, false, 0x2},
       {false, false, true, 0x4},  {true, false, true, 0x5},  {true, true, true, 0x7},
   };

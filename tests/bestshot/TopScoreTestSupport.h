@@ -4,6 +4,7 @@
 // by the library's own kernels, as the foreground statistics pass does).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <vector>
@@ -145,6 +146,15 @@ class Bench {
 
   // Times frame id's ZSL buffer went back to the camera.
   size_t returned(uint32_t id) { return ctx.timesReturned(kovane_test::zslAddress(id)); }
+  // The frames whose buffers went back, ascending, once per return.
+  std::vector<int32_t> gone() {
+    std::vector<int32_t> out;
+    for (void* p : ctx.returned()) {
+      out.push_back(static_cast<int32_t>((reinterpret_cast<uintptr_t>(p) - 0x10000) / 0x1000));
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+  }
   // Whether the history still holds frame id's buffer.
   bool held(uint32_t id) {
     for (size_t i = 0; i < hist.mHistory.size(); ++i) {

@@ -209,7 +209,8 @@ TEST(KoSequenceQueueFreeze, CapturedFrameResolution) {
 
 // ---- Lookups -------------------------------------------------------------------------------
 
-TEST(KoSequenceQueueLookup, EmptyQueueAndJobIdMinusOne) {
+TEST(KoSequenceQueueLookup, UnknownJobsJobIdMinusOneDuplicatesAndMasks) {
+  // An empty queue: every lookup misses and every action is a no-op.
   KoSequenceQueue queue(kDelay);
   EXPECT_EQ(0u, queue.getProcessField(1));
   EXPECT_EQ(nullptr, queue.getSequence(1));
@@ -225,6 +226,7 @@ TEST(KoSequenceQueueLookup, EmptyQueueAndJobIdMinusOne) {
   queue.getSequenceVector(0, out);
   EXPECT_TRUE(out.isEmpty());
 
+  // Job id -1 is queued but never found by id.
   newSeq(queue, -1, 10);
   EXPECT_EQ(-1, queue.findSnapshotIndex(-1));
   EXPECT_EQ(nullptr, queue.getSequence(-1));
@@ -234,56 +236,42 @@ TEST(KoSequenceQueueLookup, EmptyQueueAndJobIdMinusOne) {
   EXPECT_TRUE(out.isEmpty()) << "the bit was not set";
   queue.getSequenceVector(0, out);
   EXPECT_EQ(std::vector<int>({-1}), toStd(out)) << "the sequence is in the queue";
-}
 
-TEST(KoSequenceQueueLookup, DuplicateJobIdsActOnTheFirst) {
-  KoSequenceQueue queue(kDelay);
-  newSeq(queue, 3, 10);
+  // Duplicate job ids: every action goes to the first.
   newSeq(queue, 7, 11);
   newSeq(queue, 7, 12);
+  newSeq(queue, 30, 1);
   KoSequenceData* first = queue.getSequence(7);
   ASSERT_NE(nullptr, first);
   EXPECT_EQ(11, first->mCapturedFrameId);
   EXPECT_EQ(1, queue.findSnapshotIndex(7));
-
-  queue.setProcessField(7, 0x40 | 0x80);
+  queue.setProcessField(7, 0x40 | 0x80 | 0x2);
   queue.clearProcessField(7, 0x80);
   queue.DEBUG_SetOrientation(7, 180);
-  EXPECT_EQ(0x40u, first->mProcessField.load());
+  EXPECT_EQ(0x42u, first->mProcessField.load());
   EXPECT_EQ(180, first->mOrientation);
-  Vector<int> withVideo;
-  queue.getSequenceVector(0x40, withVideo);
-  EXPECT_EQ(std::vector<int>({7}), toStd(withVideo)) << "only the first got the bit";
+  queue.setProcessField(30, 0x40);
+  queue.setProcessField(30, 0x80);
+
+  // Masks: 0 lists every sequence, otherwise all bits of the mask are required; the output
+  // is appended to, not emptied.
+  out.clear();
+  out.push_back(99);
+  queue.getSequenceVector(0, out);
+  EXPECT_EQ(std::vector<int>({99, -1, 7, 7, 30}), toStd(out));
+  Vector<int> video;
+  queue.getSequenceVector(0x40, video);
+  EXPECT_EQ(std::vector<int>({7, 30}), toStd(video)) << "only the first 7 got the bit";
+  Vector<int> both;
+  queue.getSequenceVector(0x40 | 0x80, both);
+  EXPECT_EQ(std::vector<int>({30}), toStd(both));
 
   queue.removeSequence(7);
-  EXPECT_EQ(2, queue.getNumActiveJobs());
+  EXPECT_EQ(3, queue.getNumActiveJobs());
   KoSequenceData* second = queue.getSequence(7);
   ASSERT_NE(nullptr, second);
   EXPECT_EQ(12, second->mCapturedFrameId) << "the first was removed, the second remains";
   EXPECT_EQ(0u, queue.getProcessField(7));
-}
-
-TEST(KoSequenceQueueLookup, GetSequenceVectorMasks) {
-  KoSequenceQueue queue(kDelay);
-  newSeq(queue, 10, 1);
-  newSeq(queue, 20, 1);
-  newSeq(queue, 30, 1);
-  queue.setProcessField(10, 0x40 | 0x80 | 0x2);
-  queue.clearProcessField(10, 0x80);
-  queue.setProcessField(20, 0x2);
-  queue.setProcessField(30, 0x40);
-  queue.setProcessField(30, 0x80);
-
-  Vector<int> out;
-  out.push_back(99);  // not emptied
-  queue.getSequenceVector(0, out);
-  EXPECT_EQ(std::vector<int>({99, 10, 20, 30}), toStd(out));
-  Vector<int> video;
-  queue.getSequenceVector(0x40, video);
-  EXPECT_EQ(std::vector<int>({10, 30}), toStd(video));
-  Vector<int> both;
-  queue.getSequenceVector(0x40 | 0x80, both);
-  EXPECT_EQ(std::vector<int>({30}), toStd(both)) << "all bits of the mask are required";
 }
 
 // The foreground (which also adds sequences and runs the queue) and the background set process
@@ -389,41 +377,29 @@ class KoSequenceQueueZsl : public ::testing::Test {
   std::unique_ptr<KoSequenceQueue> queue;
 };
 
-TEST_F(KoSequenceQueueZsl, DestroyingTheQueueFreesQueuedSequencesAndHandsBuffersBackOnce) {
-  int faceIdDeleted = 0;
-  sp<ABuffer> config = new ABuffer(8);
-  freezeJob(1);
-  freezeJob(2);
-  newSeq(*queue, 3, 9, frameTs(9), config);  // never frozen: no snapshot to free
-  queue->getSequence(3)->mFaceIdData = new CountingFaceIdData(&faceIdDeleted);
-  // The live history goes first: the snapshots now hold the only references.
-  hist.reset();
-  expectBuffers(2);
-
-  queue.reset();
-  expectBuffers(0);
-  EXPECT_EQ(0u, memory.count());
-  EXPECT_EQ(1, faceIdDeleted);
-  EXPECT_EQ(1, config->getStrongCount());
-}
-
-TEST_F(KoSequenceQueueZsl, RemoveFreeAndReleaseHandBuffersBackOnce) {
+// Removal, release and freeing hand each buffer back once, and destroying the queue frees
+// what is still queued, frozen or not.
+TEST_F(KoSequenceQueueZsl, RemoveReleaseFreeAndDestroyHandBuffersBackOnce) {
   int faceIdDeleted = 0;
   sp<ABuffer> config = new ABuffer(8);
   newSeq(*queue, 1, 9, frameTs(9), config);
   queue->getSequence(1)->mFaceIdData = new CountingFaceIdData(&faceIdDeleted);
   freezeJob(2);  // freezes job 1 too
+  freezeJob(3);
+  newSeq(*queue, 4, 9, frameTs(9), config);  // never frozen: no snapshot to free
+  queue->getSequence(4)->mFaceIdData = new CountingFaceIdData(&faceIdDeleted);
+  // The live history goes first: the snapshots now hold the only references.
   hist.reset();
-  expectBuffers(2);
+  expectBuffers(3);
 
   queue->removeSequence(1);
   EXPECT_EQ(1, faceIdDeleted);
-  EXPECT_EQ(1, config->getStrongCount()) << "removal drops the config reference";
-  expectBuffers(1);  // job 2 still holds them
+  EXPECT_EQ(2, config->getStrongCount()) << "removal drops the config reference";
+  expectBuffers(2);
 
   queue->releaseSequenceZSLBuffers(2);
   queue->releaseSequenceZSLBuffers(2);
-  expectBuffers(0);
+  expectBuffers(1);  // job 3 still holds them
   KoFrameHistSnapshot* snap = queue->getSequence(2)->mSnapshot;
   ASSERT_NE(nullptr, snap);
   EXPECT_EQ(idRange(1, 10), snapshotIds(snap)) << "the frames stay";
@@ -434,9 +410,14 @@ TEST_F(KoSequenceQueueZsl, RemoveFreeAndReleaseHandBuffersBackOnce) {
   EXPECT_EQ(nullptr, queue->getSequence(2)->mSnapshot);
   EXPECT_EQ(KO_SEQ_HISTORY_TAKEN, queue->getProcessField(2)) << "bits are not cleared";
   queue->removeSequence(2);
-  EXPECT_EQ(0, queue->getNumActiveJobs());
+  EXPECT_EQ(2, queue->getNumActiveJobs());
+  expectBuffers(1);
+
   queue.reset();
   expectBuffers(0);
+  EXPECT_EQ(0u, memory.count());
+  EXPECT_EQ(2, faceIdDeleted);
+  EXPECT_EQ(1, config->getStrongCount());
 }
 
 }  // namespace

@@ -17,16 +17,19 @@
 #include "KoStatsReader.h"
 #include "StatsTestFrames.h"
 #include "StderrCapture.h"
+#include "TempFile.h"
 
 using android::KoFrameData;
 using android::KoStatsData;
 using android::KoStatsReader;
 using android::sp;
+using kovane_test::countOf;
 using kovane_test::FrameOptions;
 using kovane_test::History;
 using kovane_test::le32;
 using kovane_test::makeFrame;
 using kovane_test::makeSummary;
+using kovane_test::TempFile;
 
 namespace {
 
@@ -48,24 +51,6 @@ struct GuardedBuffer {
   std::vector<unsigned char> mBytes;
 };
 
-// A temporary file for the descriptor output.
-struct TempFile {
-  TempFile() : file(tmpfile()) {}
-  ~TempFile() {
-    if (file) fclose(file);
-  }
-  int fd() const { return fileno(file); }
-  std::vector<uint8_t> content() const {
-    std::vector<uint8_t> out;
-    lseek(fd(), 0, SEEK_SET);
-    uint8_t chunk[65536];
-    ssize_t n;
-    while ((n = read(fd(), chunk, sizeof(chunk))) > 0) out.insert(out.end(), chunk, chunk + n);
-    return out;
-  }
-  FILE* file;
-};
-
 std::vector<sp<KoFrameData>> frames(int count, int faces) {
   std::vector<sp<KoFrameData>> out;
   for (int i = 0; i < count; ++i) {
@@ -84,12 +69,6 @@ std::vector<std::string> segmentTypes(const char* out, int length) {
   std::vector<std::string> types;
   for (const auto& seg : reader.segments()) types.push_back(KoStatsReader::typeName(seg.type));
   return types;
-}
-
-int countOf(const std::string& text, const std::string& what) {
-  int n = 0;
-  for (size_t pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + 1)) ++n;
-  return n;
 }
 
 }  // namespace
@@ -140,9 +119,9 @@ TEST(KoStatsExifHistory, DescriptorOutputAndOverflow) {
   GuardedBuffer big(kExif);
   TempFile file;
   const int n = stats.genExifHistory(big.data(), kExif, &summary, h.snapshot, nullptr, nullptr,
-                                     file.fd(), 0);
+                                     file.fd, 0);
   ASSERT_GT(n, 0);
-  std::vector<uint8_t> written = file.content();
+  std::vector<uint8_t> written = file.bytes();
   ASSERT_EQ(static_cast<int>(written.size()), n);
   EXPECT_EQ(memcmp(written.data(), big.data(), n), 0);
 
@@ -150,14 +129,14 @@ TEST(KoStatsExifHistory, DescriptorOutputAndOverflow) {
   TempFile stdinFile;
   const int saved = dup(0);
   ASSERT_GE(saved, 0);
-  ASSERT_EQ(dup2(stdinFile.fd(), 0), 0);
+  ASSERT_EQ(dup2(stdinFile.fd, 0), 0);
   GuardedBuffer fits(n + 1);  // one byte more than the record is enough
   const int m = stats.genExifHistory(fits.data(), n + 1, &summary, h.snapshot, nullptr, nullptr,
                                      0, 0);
   dup2(saved, 0);
   close(saved);
   EXPECT_EQ(m, n);
-  EXPECT_TRUE(stdinFile.content().empty());
+  EXPECT_TRUE(stdinFile.bytes().empty());
   EXPECT_TRUE(fits.guardIntact());
 
   // A record that reaches the capacity exactly counts as an overflow, as does a smaller one:
@@ -168,52 +147,24 @@ TEST(KoStatsExifHistory, DescriptorOutputAndOverflow) {
     TempFile overflowFile;
     kovane_test::StderrCapture cap;
     EXPECT_EQ(stats.genExifHistory(out.data(), size, &summary, h.snapshot, nullptr, nullptr,
-                                   overflowFile.fd(), 0),
+                                   overflowFile.fd, 0),
               0)
         << size;
     const std::string log = cap.finish();
     EXPECT_EQ(countOf(log, "writeExifDataSeg: buffer overflow  size="), 1) << log;
     EXPECT_NE(log.find("exifBufSize = " + std::to_string(size)), std::string::npos) << log;
     EXPECT_TRUE(out.guardIntact()) << size;
-    written = overflowFile.content();
+    written = overflowFile.bytes();
     ASSERT_EQ(static_cast<int>(written.size()), n);
     EXPECT_EQ(memcmp(written.data(), big.data(), n), 0);
   }
 }
 
-TEST(KoStatsExifHistory, FaceTextLargerThanTheBudgetIsLeftEmpty) {
-  KoStatsData stats;
-  android::KoGenFrameData_t summary = makeSummary();
-  // 30 frames of 5 faces whose 32-bit values all have 10 digits: the face text outgrows the
-  // budget left after the frame text.
-  std::vector<sp<KoFrameData>> fs = frames(30, 5);
-  for (sp<KoFrameData>& f : fs) {
-    for (android::KO_cam_face_t& c : f->mFaceData.record.faces) {
-      c.id = c.left = c.top = c.width = c.height = c.leftEyeX = c.leftEyeY = c.rightEyeX =
-          c.rightEyeY = c.mouthX = c.mouthY = 1000000000;
-    }
-  }
-  History h(fs);
-  GuardedBuffer out(kExif);
-  kovane_test::StderrCapture cap;
-  const int n =
-      stats.genExifHistory(out.data(), kExif, &summary, h.snapshot, nullptr, nullptr, -1, 0);
-  const std::string log = cap.finish();
-  EXPECT_NE(log.find("genFaceData maxSize reached = "), std::string::npos) << log;
-  EXPECT_EQ(log.find("buffer overflow"), std::string::npos) << log;
-  ASSERT_GT(n, 0);
-  ASSERT_LT(n, kExif);
-  EXPECT_TRUE(out.guardIntact());
-  KoStatsReader reader;
-  ASSERT_TRUE(reader.parse(out.data(), n)) << reader.error();
-  EXPECT_EQ(reader.frames().size(), 30u);
-  EXPECT_TRUE(reader.faceGroups().empty());
-  EXPECT_EQ(reader.histograms().size(), 30u);
-}
-
 // Records near the budget: the face text grows a digit at a time, so that the record's total
 // passes through the budget's last bytes. Every record fits and reads back; what does not fit is
 // dropped a section at a time (the histograms first, then the faces), and the writer says so.
+// With every printed face value at 10 digits the face text alone outgrows what the frame text
+// leaves: the faces go and the histograms stay.
 TEST(KoStatsExifHistory, RecordsAtTheBudgetAreWholeAndDropWholeSections) {
   KoStatsData stats;
   android::KoGenFrameData_t summary = makeSummary();
@@ -237,6 +188,8 @@ TEST(KoStatsExifHistory, RecordsAtTheBudgetAreWholeAndDropWholeSections) {
   std::vector<int> sweep;
   for (int extra = 5500; extra <= 5600; ++extra) sweep.push_back(extra);
   for (int extra = 12250; extra <= 12350; ++extra) sweep.push_back(extra);
+  const int kAllWide = 30 * 5 * 11 * 9;
+  sweep.push_back(kAllWide);
   int whole = 0, withoutHistograms = 0, withoutFaces = 0;
   for (int extra : sweep) {
     SCOPED_TRACE(extra);
@@ -267,6 +220,10 @@ TEST(KoStatsExifHistory, RecordsAtTheBudgetAreWholeAndDropWholeSections) {
       EXPECT_NE(log.find("genFaceData maxSize reached"), std::string::npos) << log;
     }
     if (faces == 30 && histograms == 30) ++whole;
+    if (extra == kAllWide) {
+      EXPECT_EQ(0u, faces);
+      EXPECT_EQ(30u, histograms);
+    }
   }
   // The sweep crossed both limits.
   EXPECT_GT(whole, 0);
@@ -342,7 +299,7 @@ TEST(KoStatsExifHistory, RawModes) {
   GuardedBuffer out(capacity);
   TempFile file;
   const int n = stats.genExifHistory(out.data(), capacity, &setup.summary, setup.hist->snapshot,
-                                     nullptr, nullptr, file.fd(), 1);
+                                     nullptr, nullptr, file.fd, 1);
   EXPECT_TRUE(out.guardIntact());
   // The raw data is laid over the 'rwhd' segment, but the result counts both.
   const uint32_t seg0 = le32(out.data() + base);
@@ -359,7 +316,7 @@ TEST(KoStatsExifHistory, RawModes) {
   expectRawImages(fromBuffer, setup);
 
   // The file has every segment one after the other, 'rwhd' included.
-  const std::vector<uint8_t> written = file.content();
+  const std::vector<uint8_t> written = file.bytes();
   ASSERT_EQ(written.size(), static_cast<size_t>(n));
   KoStatsReader fromFile;
   ASSERT_TRUE(fromFile.parse(written.data(), written.size())) << fromFile.error();
@@ -373,13 +330,13 @@ TEST(KoStatsExifHistory, RawModes) {
   TempFile smallFile;
   kovane_test::StderrCapture cap;
   EXPECT_EQ(stats.genExifHistory(small.data(), base + 1000, &setup.summary, setup.hist->snapshot,
-                                 nullptr, nullptr, smallFile.fd(), 1),
+                                 nullptr, nullptr, smallFile.fd, 1),
             base + 150);
   const std::string log = cap.finish();
   EXPECT_EQ(countOf(log, "genRawYUVFrameData maxSize reached = "), 2) << log;
   EXPECT_NE(log.find(", maxSize=1000"), std::string::npos) << log;
   EXPECT_TRUE(small.guardIntact());
-  const std::vector<uint8_t> smallWritten = smallFile.content();
+  const std::vector<uint8_t> smallWritten = smallFile.bytes();
   ASSERT_TRUE(fromFile.parse(smallWritten.data(), smallWritten.size())) << fromFile.error();
   expectRawImages(fromFile, setup);
 

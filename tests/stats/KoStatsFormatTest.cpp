@@ -14,6 +14,7 @@ using android::KoFrameData;
 using android::KoHeaderPair_t;
 using android::KoStatsData;
 using android::sp;
+using kovane_test::countOf;
 using kovane_test::FrameOptions;
 using kovane_test::History;
 using kovane_test::makeFrame;
@@ -35,12 +36,6 @@ class KoStatsFormat : public ::testing::Test {
   std::vector<char> tmp;
 };
 
-int countOf(const std::string& text, const std::string& what) {
-  int n = 0;
-  for (size_t pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + 1)) ++n;
-  return n;
-}
-
 const char kFrame0Line[] =
     "43, 100, 1234567890123, 3.500, 10.250, 40.750, 120.125, 0.000, 0.000, 0, 0.000, -9.810, "
     "0.333, -0.000, 0.010, 0.333, 359.900, -45.500, 12.000, -1, -200, 0, 100, 200, 65535, 40, 0, "
@@ -49,19 +44,11 @@ const char kFrame0Line[] =
 
 }  // namespace
 
+// The format strings of the session, frame, face, sequence and histogram lines are pinned by
+// the lines printed with them (here and in the reader's round trip); the raw image line's
+// trailing separator is not.
 TEST_F(KoStatsFormat, FormatStringsHeaderLinesAndVersions) {
-  EXPECT_STREQ(stats.mSessionDataHeaderFormat, "%d, %s, %s, %d, %d, %d, %d, %d");
-  EXPECT_STREQ(stats.mHistogramDataHeaderFormat, "%d, %d, %d, ");
   EXPECT_STREQ(stats.mRawYUVDataHeaderFormat, "%d, %d, %d, %d, %d, %d, %d, %d, %lld, %d, %d, ");
-  EXPECT_STREQ(stats.mFaceDataHeaderFormat, "%d, %d, %lld, %d, %d, %d, %d");
-  std::string repeat = "%d";
-  for (int i = 1; i < 24; ++i) repeat += ", %d";
-  EXPECT_EQ(std::string(stats.mFaceDataHeaderRepeatFormat), repeat);
-  ASSERT_NE(stats.mFrameDataHeaderFormat, nullptr);
-  EXPECT_EQ(strlen(stats.mFrameDataHeaderFormat) + 1, 219u);
-  EXPECT_EQ(countOf(stats.mFrameDataHeaderFormat, "%"), 43);
-  EXPECT_EQ(countOf(stats.mSequenceDataHeaderFormat, "%"), 34);
-  EXPECT_EQ(std::string(stats.mSequenceDataHeaderFormat).substr(0, 14), "%d, %d, %lld, ");
   char buf[KoStatsData::FORMAT_BUFFER_SIZE];
   EXPECT_EQ(stats.buildFormatString(KoStatsData::sSessionDataHeader, 8, buf, false), 31);
   EXPECT_EQ(stats.buildFormatString(KoStatsData::sHistogramDataHeader, 3, buf, true), 13);
@@ -70,14 +57,9 @@ TEST_F(KoStatsFormat, FormatStringsHeaderLinesAndVersions) {
   const char* coreVersion = nullptr;
   ASSERT_EQ(version.getVersion(&coreVersion), 0);
   EXPECT_STREQ(stats.mCoreVersion, coreVersion);
-  EXPECT_STREQ(KoStatsData::kExifFormatVersion, "00.00.002");
 
   // Header lines: their lengths with the NUL, and never a trailing separator.
-  struct Case {
-    const KoHeaderPair_t* table;
-    int count;
-    int length;
-  } cases[] = {
+  struct Case { const KoHeaderPair_t* table; int count; int length; } cases[] = {
       {KoStatsData::sSessionDataHeader, KoStatsData::SESSION_ROWS, 134},
       {KoStatsData::sFrameDataHeader, KoStatsData::FRAME_ROWS, 657},
       {KoStatsData::sFaceDataHeader, KoStatsData::FACE_ROWS, 447},

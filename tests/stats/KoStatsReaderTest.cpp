@@ -2,7 +2,6 @@
 // records are rejected.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -70,92 +69,34 @@ Bytes sessionOnly(const std::string& line) {
   return ::testing::AssertionSuccess();
 }
 
-// One expected value: an integer, a float (compared to the printed three decimals) or a text.
-struct Expect {
-  Expect(const char* k, int64_t v) : key(k), type(KoStatsReader::VALUE_INT), i(v) {}
-  Expect(const char* k, int v) : key(k), type(KoStatsReader::VALUE_INT), i(v) {}
-  Expect(const char* k, uint32_t v) : key(k), type(KoStatsReader::VALUE_INT), i(v) {}
-  Expect(const char* k, float v) : key(k), type(KoStatsReader::VALUE_FLOAT), f(v) {}
-  Expect(const char* k, const char* v) : key(k), type(KoStatsReader::VALUE_TEXT), text(v) {}
-  std::string key;
-  KoStatsReader::ValueType type;
-  int64_t i = 0;
-  double f = 0.0;
-  std::string text;
-};
-
-void expectRow(const KoStatsReader::Row& row, const std::vector<Expect>& expected,
-               const std::string& what) {
-  ASSERT_EQ(row.fields.size(), expected.size()) << what;
-  for (size_t k = 0; k < expected.size(); ++k) {
-    const Expect& e = expected[k];
-    const auto& field = row.fields[k];
-    EXPECT_EQ(field.first, e.key) << what;
-    ASSERT_EQ(field.second.type, e.type) << what << " " << e.key;
-    switch (e.type) {
-      case KoStatsReader::VALUE_INT:
-        EXPECT_EQ(field.second.i, e.i) << what << " " << e.key;
-        break;
-      case KoStatsReader::VALUE_FLOAT:
-        EXPECT_NEAR(field.second.f, e.f, 0.0005 + 1e-7 * std::fabs(e.f)) << what << " " << e.key;
-        break;
-      case KoStatsReader::VALUE_TEXT:
-        EXPECT_EQ(field.second.text, e.text) << what << " " << e.key;
-        break;
-    }
+// The values of a row whose every column is an integer.
+std::vector<int64_t> ints(const KoStatsReader::Row& row) {
+  std::vector<int64_t> out;
+  for (const auto& field : row.fields) {
+    EXPECT_EQ(KoStatsReader::VALUE_INT, field.second.type) << field.first;
+    out.push_back(field.second.i);
   }
+  return out;
 }
 
-float word(uint32_t w) {
-  float f;
-  memcpy(&f, &w, sizeof(f));
-  return f;
+// The keys of a row, and those of rows [first, last) of a writer's table.
+std::vector<std::string> keys(const KoStatsReader::Row& row) {
+  std::vector<std::string> out;
+  for (const auto& field : row.fields) out.push_back(field.first);
+  return out;
+}
+std::vector<std::string> keys(const android::KoHeaderPair_t* table, int first, int last) {
+  std::vector<std::string> out;
+  for (int k = first; k < last; ++k) out.push_back(table[k].key);
+  return out;
 }
 
-std::vector<Expect> expectedFrame(const KoFrameData& f, const std::string& label,
-                                  const android::KoGenFrameData_t& s) {
-  return {
-      {"numElements", 43}, {"frame_id", f.mFrameId}, {"ts", f.mTimestamp},
-      {"sob.var", f.mSobelStats.stddevCopy}, {"sob.mean", f.mSobelStats.mean},
-      {"fr.var", f.mLumaStats.stddevCopy}, {"fr.mean", f.mLumaStats.mean},
-      {"diff.var", f.mDiffStats.stddevCopy}, {"diff.mean", f.mDiffStats.mean},
-      {"zoom", f.mZoom}, {"accel.x", f.mAccelSample.mX}, {"accel.y", f.mAccelSample.mY},
-      {"accel.z", f.mAccelSample.mZ}, {"gyro.x", f.mGyroSample.mX}, {"gyro.y", f.mGyroSample.mY},
-      {"gyro.z", f.mGyroSample.mZ}, {"orient.x", f.mOrientSample.mX},
-      {"orient.y", f.mOrientSample.mY}, {"orient.z", f.mOrientSample.mZ},
-      {"caf_state", static_cast<int>(f.mCafState)}, {"lens_pos", static_cast<int>(f.mLensPos)},
-      {"af_num_roi", static_cast<int>(f.mAfNumRoi)},
-      {"af_win_x", static_cast<int>(f.mAfWindow[0])},
-      {"af_win_y", static_cast<int>(f.mAfWindow[1])},
-      {"af_win_dx", static_cast<int>(f.mAfWindow[2])},
-      {"af_win_dy", static_cast<int>(f.mAfWindow[3])},
-      {"af_roi_type", static_cast<int>(f.mAfRoiType)}, {"cam_position", s.camPosition},
-      {"zsl_bs_capture", label.c_str()}, {"zsl", static_cast<int>(f.mHasZsl)},
-      {"fe_score", f.mFeScore}, {"faces_score", f.mFacesScore}, {"bs_score", f.mBsScore},
-      {"motionVecStats.mean", word(f.mMotionResult[3])},
-      {"motionVecStats.stddev", word(f.mMotionResult[4])},
-      {"frmMotionScoreNorm", word(f.mMotionResult[8])},
-      {"ctrFrmMotionScoreNorm", word(f.mMotionResult[9])}, {"camMotionMode", f.mCamMotion[3]},
-      {"lux_level", f.mLuxLevel}, {"aec_state", f.mAecState}, {"awb_state", f.mAwbState},
-      {"lux_idx", f.mLuxIdx}, {"exp_time", f.mExpTime},
-  };
-}
-
-std::vector<Expect> expectedFace(const android::KO_cam_face_t& c) {
-  return {
-      {"face.id", c.id}, {"face.score", static_cast<int>(c.score)},
-      {"face.recog", static_cast<int>(c.recognised)}, {"face.left", c.left}, {"face.top", c.top},
-      {"face.width", c.width}, {"face.height", c.height}, {"l_eye.x", c.leftEyeX},
-      {"l_eye.y", c.leftEyeY}, {"r_eye.x", c.rightEyeX}, {"r_eye.y", c.rightEyeY},
-      {"mouth.x", c.mouthX}, {"mouth.y", c.mouthY}, {"blink.l", static_cast<int>(c.leftBlink)},
-      {"blink.r", static_cast<int>(c.rightBlink)}, {"blink.det", static_cast<int>(c.blinkDetected)},
-      {"gaze.angle", static_cast<int>(c.gazeAngle)}, {"gaze.lr", static_cast<int>(c.leftRightGaze)},
-      {"gaze.tb", static_cast<int>(c.topBottomGaze)},
-      {"smile.degree", static_cast<int>(c.smileDegree)},
-      {"smile.conf", static_cast<int>(c.smileConfidence)},
-      {"dir.lr", static_cast<int>(c.leftRightDir)}, {"dir.ud", static_cast<int>(c.upDownDir)},
-      {"dir.roll", static_cast<int>(c.rollDir)},
-  };
+// The printed values of a face in column order; int8 fields negative, uint8 fields above 127.
+std::vector<int64_t> faceValues(const android::KO_cam_face_t& c) {
+  return {c.id, c.score, c.recognised, c.left, c.top, c.width, c.height, c.leftEyeX,
+          c.leftEyeY, c.rightEyeX, c.rightEyeY, c.mouthX, c.mouthY, c.leftBlink, c.rightBlink,
+          c.blinkDetected, c.gazeAngle, c.leftRightGaze, c.topBottomGaze, c.smileDegree,
+          c.smileConfidence, c.leftRightDir, c.upDownDir, c.rollDir};
 }
 
 // A row printed back: integers, floats to three decimals and texts joined by ", ".
@@ -195,10 +136,7 @@ TEST(KoStatsRoundTrip, ThirtyFramesReadBackEqual) {
   kovane_test::fillSequence(*seq, bs);
 
   // Each summary with the labels it gives; frames it does not name are "ZSL" or "NoZSL".
-  struct Case {
-    android::KoGenFrameData_t s;
-    std::vector<std::pair<int, const char*>> labels;
-  };
+  struct Case { android::KoGenFrameData_t s; std::vector<std::pair<int, const char*>> labels; };
   std::vector<Case> cases(3, Case{makeSummary(), {}});
   // Best shot, captured frame with ZSL, and a reference frame standing in for it.
   cases[0].s.videoEnabled = 1;
@@ -241,48 +179,55 @@ TEST(KoStatsRoundTrip, ThirtyFramesReadBackEqual) {
     EXPECT_TRUE(reader.hadExifPrefix());
     ASSERT_EQ(reader.segments().size(), 10u);
 
-    expectRow(reader.session(),
-              {{"numElements", 8}, {"exifFormatVersion", "00.00.002"},
-               {"libKoCoreVersion", stats.mCoreVersion},
-               {"bestShot.enabled", static_cast<int>(s.bestShotEnabled)},
-               {"video.enabled", static_cast<int>(s.videoEnabled)}, {"jobId", s.jobId},
-               {"hdrMode", static_cast<int>(s.hdrMode)},
-               {"isLateMode", static_cast<int>(s.isLateMode)}},
-              "session");
+    std::string session = "8, 00.00.002, " + std::string(stats.mCoreVersion);
+    for (int v : {int(s.bestShotEnabled), int(s.videoEnabled), s.jobId, int(s.hdrMode), int(s.isLateMode)}) {
+      session += ", " + std::to_string(v);
+    }
+    EXPECT_EQ(reprinted(reader.session()), session);
+    EXPECT_EQ(keys(reader.session()), keys(KoStatsData::sSessionDataHeader, 0, 8));
     ASSERT_TRUE(reader.hasSequence());
     // The sequence line is checked byte for byte against its inputs by the layout test.
     EXPECT_EQ(reprinted(reader.sequence()), kovane_test::kSequenceLine);
 
+    // Every frame reads back to the text the writer printed for it (whose values the format
+    // test checks against their frame), with the label of its role.
     ASSERT_EQ(reader.frames().size(), 30u);
+    std::vector<char> frameText(KoStatsData::EXIF_BUFFER_SIZE), tmp(KoStatsData::LINE_BUFFER_SIZE);
+    ASSERT_GT(stats.genFrameData(frameText.data(), tmp.data(), &s, h.snapshot,
+                                 KoStatsData::EXIF_BUFFER_SIZE),
+              0);
+    std::string frames;
+    for (int i = 0; i < 30; ++i) {
+      const KoStatsReader::Row& row = reader.frames()[i];
+      frames += (i ? ", " : "") + reprinted(row);
+      EXPECT_EQ(labels[i], row.getText("zsl_bs_capture")) << i;
+      EXPECT_EQ(keys(row), keys(KoStatsData::sFrameDataHeader, 0, KoStatsData::FRAME_ROWS));
+    }
+    EXPECT_EQ(std::string(frameText.data()), frames);
+
     ASSERT_EQ(reader.faceGroups().size(), 30u);
     size_t histogramIndex = 0;
     for (int i = 0; i < 30; ++i) {
       const KoFrameData& f = *fs[i];
-      const std::string what = "frame " + std::to_string(i);
-      expectRow(reader.frames()[i], expectedFrame(f, labels[i], s), what);
-
+      SCOPED_TRACE("frame " + std::to_string(i));
       const KoStatsReader::FaceGroup& g = reader.faceGroups()[i];
       const int printed = i == 7 ? 5 : i % 6;
-      expectRow(g.group,
-                {{"numElements", 7 + 24 * printed}, {"frame_id", f.mFrameId},
-                 {"ts", f.mTimestamp}, {"faces_ref_width", f.mFaceRefWidth},
-                 {"faces_ref_height", f.mFaceRefHeight},
-                 {"face.num_detected", f.mFaceData.record.numFaces},
-                 {"face.num_blinked_predicted", f.mFaceData.numBlinkedPredicted}},
-                what + " faces");
-      ASSERT_EQ(g.faces.size(), static_cast<size_t>(printed)) << what;
+      EXPECT_EQ(ints(g.group),
+                (std::vector<int64_t>{7 + 24 * printed, f.mFrameId, f.mTimestamp, f.mFaceRefWidth,
+                                      f.mFaceRefHeight, f.mFaceData.record.numFaces,
+                                      f.mFaceData.numBlinkedPredicted}));
+      EXPECT_EQ(keys(g.group), keys(KoStatsData::sFaceDataHeader, 0, 7));
+      ASSERT_EQ(g.faces.size(), static_cast<size_t>(printed));
       for (int k = 0; k < printed; ++k) {
-        expectRow(g.faces[k], expectedFace(f.mFaceData.record.faces[k]),
-                  what + " face " + std::to_string(k));
+        EXPECT_EQ(ints(g.faces[k]), faceValues(f.mFaceData.record.faces[k])) << k;
+        EXPECT_EQ(keys(g.faces[k]), keys(KoStatsData::sFaceDataHeader, 7, KoStatsData::FACE_ROWS));
       }
 
       if (f.mHistogram == nullptr) continue;
       ASSERT_LT(histogramIndex, reader.histograms().size());
       const KoStatsReader::Histogram& hg = reader.histograms()[histogramIndex++];
-      expectRow(hg.header, {{"numElements", 35}, {"frameId", f.mFrameId}, {"numBins", 32}},
-                what + " histogram");
-      ASSERT_EQ(hg.bins.size(), 32u);
-      for (int b = 0; b < 32; ++b) EXPECT_EQ(hg.bins[b], f.mHistogram[b]) << what << " bin " << b;
+      EXPECT_EQ(ints(hg.header), (std::vector<int64_t>{35, f.mFrameId, 32}));
+      EXPECT_EQ(hg.bins, std::vector<int64_t>(f.mHistogram, f.mHistogram + 32));
     }
     EXPECT_EQ(histogramIndex, reader.histograms().size());
 
@@ -297,28 +242,26 @@ TEST(KoStatsReader, RejectsMalformedRecords) {
   const Bytes good = sessionOnly("8, 00.00.002, v1, 1, 0, 12, 0, 0");
   const size_t second = good[0] | (good[1] << 8);  // offset of 'ssdt'
 
-  Bytes b = good;
-  set32(b, second, 5);
-  EXPECT_TRUE(failsWith(b, "below 12"));
-  b = good;
-  set32(b, second + 8, 2);
-  EXPECT_TRUE(failsWith(b, "unsupported segment version 2 of ssdt"));
-  b = good;
-  set32(b, second + 4, 0x41424344);
-  EXPECT_TRUE(failsWith(b, "unknown segment type 0x41424344"));
-  b = good;
-  b[second - 1] = 'x';  // the session header loses its NUL
-  EXPECT_TRUE(failsWith(b, "not one NUL-terminated text"));
-  b = good;
-  b.resize(b.size() - 3);  // a cut record
-  EXPECT_TRUE(failsWith(b, "beyond the record end"));
-  b = good;
-  b.push_back(1);
-  EXPECT_TRUE(failsWith(b, "truncated segment header"));
-  b = good;
-  b.insert(b.end(), 20, 0);
-  b.back() = 9;
-  EXPECT_TRUE(failsWith(b, "data after zero fill"));
+  // Faults of the segment container, each made in a good record.
+  const struct {
+    void (*spoil)(Bytes& b, size_t second);
+    const char* error;
+  } spoiled[] = {
+      {[](Bytes& b, size_t at) { set32(b, at, 5); }, "below 12"},
+      {[](Bytes& b, size_t at) { set32(b, at + 8, 2); }, "unsupported segment version 2 of ssdt"},
+      {[](Bytes& b, size_t at) { set32(b, at + 4, 0x41424344); }, "unknown segment type 0x41424344"},
+      // The session header loses its NUL.
+      {[](Bytes& b, size_t at) { b[at - 1] = 'x'; }, "not one NUL-terminated text"},
+      {[](Bytes& b, size_t) { b.resize(b.size() - 3); }, "beyond the record end"},
+      {[](Bytes& b, size_t) { b.push_back(1); }, "truncated segment header"},
+      {[](Bytes& b, size_t) { b.insert(b.end(), 20, 0), b.back() = 9; }, "data after zero fill"},
+  };
+  Bytes b;
+  for (const auto& c : spoiled) {
+    b = good;
+    c.spoil(b, second);
+    EXPECT_TRUE(failsWith(b, c.error));
+  }
   EXPECT_TRUE(failsWith(Bytes(), "empty record"));
 
   b.clear();

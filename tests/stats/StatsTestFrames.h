@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include <utils/RefBase.h>
@@ -167,6 +168,13 @@ inline const char kSequenceLine[] =
 inline uint32_t le32(const void* p) {
   const uint8_t* b = static_cast<const uint8_t*>(p);
   return b[0] | (b[1] << 8) | (b[2] << 16) | (static_cast<uint32_t>(b[3]) << 24);
+}
+
+// Occurrences of `what` in `text`.
+inline int countOf(const std::string& text, const std::string& what) {
+  int n = 0;
+  for (size_t pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + 1)) ++n;
+  return n;
 }
 
 }  // namespace kovane_test
