@@ -5,10 +5,8 @@
 // buffer came back exactly once.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <condition_variable>
 #include <cstring>
-#include <map>
+#include <future>
 #include <mutex>
 #include <set>
 #include <string>
@@ -17,6 +15,7 @@
 #include "KoEngine.h"
 #include "KoEngineFg.h"
 #include "KoFrameHist.h"
+#include "KoSequenceQueue.h"
 #include "KoStatsReader.h"
 #include "TestData.h"
 #include "TestWait.h"
@@ -29,6 +28,7 @@ class SimulatedCamera {
   static constexpr int kHeight = 1080;
   static constexpr int64_t kFrameUs = 33333;
   static constexpr int kZslBuffers = 12;
+  static constexpr int kPatch = 600;
 
   SimulatedCamera() {
     mPicture = readNv21("solvay_1920x1080.nv21", kWidth, kHeight);
@@ -43,7 +43,6 @@ class SimulatedCamera {
 
   bool ready() const { return !mPicture.empty(); }
 
-  // Registers the camera's callbacks on an engine.
   void attach(android::KoEngine* engine) {
     EXPECT_EQ(engine->registerFrameDoneCallBack(&SimulatedCamera::onFrameDone), 0);
     EXPECT_EQ(engine->registerKoEngineDoneCallBack(&SimulatedCamera::onEngineDone), 0);
@@ -82,7 +81,6 @@ class SimulatedCamera {
     p.data = mFrame.data();
     p.colorFormat = android::KO_COLOR_FORMAT_NV21;
     p.planes = &mPlanes;
-    p.orientation = 0;
     return p;
   }
   static int64_t timestampOf(uint32_t id) { return 1000000 + static_cast<int64_t>(id) * kFrameUs; }
@@ -92,17 +90,13 @@ class SimulatedCamera {
     android::KO_cam_face_detection_data_t f = {};
     f.frameId = id;
     f.numFaces = 1;
-    f.faces[0].score = 90;
-    f.faces[0].left = 800;
-    f.faces[0].top = 400;
-    f.faces[0].width = 120;
-    f.faces[0].height = 120;
-    f.faces[0].smileDegree = 40;
-    if (blink) {
-      f.faces[0].blinkDetected = 1;
-      f.faces[0].leftBlink = 90;
-      f.faces[0].rightBlink = 90;
-    }
+    auto& face = f.faces[0];
+    face.score = 90;
+    face.left = 800;
+    face.top = 400;
+    face.width = face.height = 120;
+    face.smileDegree = 40;
+    if (blink) face.blinkDetected = 1, face.leftBlink = face.rightBlink = 90;
     return f;
   }
 
@@ -128,84 +122,78 @@ class SimulatedCamera {
     return true;
   }
 
-  size_t zslOut() {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mOut.size();
-  }
-  bool isOut(void* buffer) {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mOut.count(static_cast<uint8_t*>(buffer)) != 0;
-  }
-  int doubleReturns() {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mDoubleReturns;
-  }
-  std::vector<int> engineDone() {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mEngineDone;
-  }
-  std::vector<std::vector<uint8_t>> statistics() {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mStatistics;
-  }
-
   // Best-shot-done, video-done and engine-done callbacks in the order they came.
   struct Event {
     enum Kind { kBestShotDone, kVideoDone, kEngineDone } kind;
     int jobId;
     uint32_t frameId;  // best shot: the chosen frame
-    bool replace;      // best shot: the capture is to be replaced
   };
-  std::vector<Event> events() {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mEvents;
-  }
+
+  size_t zslOut() { return locked([&] { return mOut.size(); }); }
+  bool isOut(void* buffer) { return locked([&] { return mOut.count(static_cast<uint8_t*>(buffer)) != 0; }); }
+  int doubleReturns() { return locked([&] { return mDoubleReturns; }); }
+  std::vector<std::vector<uint8_t>> statistics() { return locked([&] { return mStatistics; }); }
+  std::vector<Event> events() { return locked([&] { return mEvents; }); }
   // Faults found in the best-shot records received (see checkBestShotRecordLocked).
-  std::vector<std::string> recordFaults() {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mRecordFaults;
+  std::vector<std::string> recordFaults() { return locked([&] { return mRecordFaults; }); }
+  // Jobs of the engine-done callbacks, in order.
+  std::vector<int> engineDone() {
+    std::vector<int> jobs;
+    for (const Event& e : events()) {
+      if (e.kind == Event::kEngineDone) jobs.push_back(e.jobId);
+    }
+    return jobs;
+  }
+  // Every buffer lent came back, none twice.
+  void expectAllReturned() {
+    EXPECT_EQ(zslOut(), 0u);
+    EXPECT_EQ(doubleReturns(), 0);
   }
 
   bool movingSubject = false;
   // Frames whose face record has the eyes closed (set before the frames are posted).
   std::set<uint32_t> blinks;
-  static constexpr int kPatch = 600;
 
  private:
-  static SimulatedCamera* self(void* cookie) { return static_cast<SimulatedCamera*>(cookie); }
-  static void onFrameDone(void* cookie, void* buffer) {
-    SimulatedCamera* cam = self(cookie);
+  template <typename Fn>
+  auto locked(Fn fn) -> decltype(fn()) {
+    std::lock_guard<std::mutex> lock(mLock);
+    return fn();
+  }
+  // Runs `fn` on the camera of `cookie` with its lock held.
+  template <typename Fn>
+  static void on(void* cookie, Fn fn) {
+    SimulatedCamera* cam = static_cast<SimulatedCamera*>(cookie);
     std::lock_guard<std::mutex> lock(cam->mLock);
-    uint8_t* b = static_cast<uint8_t*>(buffer);
-    if (cam->mOut.erase(b) == 0) {
-      cam->mDoubleReturns++;
-      return;
-    }
-    cam->mFree.insert(b);
+    fn(*cam);
+  }
+  static void onFrameDone(void* cookie, void* buffer) {
+    on(cookie, [buffer](SimulatedCamera& cam) {
+      uint8_t* b = static_cast<uint8_t*>(buffer);
+      if (cam.mOut.erase(b) == 0) {
+        cam.mDoubleReturns++;
+      } else {
+        cam.mFree.insert(b);
+      }
+    });
   }
   static void onEngineDone(void* cookie, int jobId) {
-    SimulatedCamera* cam = self(cookie);
-    std::lock_guard<std::mutex> lock(cam->mLock);
-    cam->mEngineDone.push_back(jobId);
-    cam->mEvents.push_back({Event::kEngineDone, jobId, 0, false});
+    on(cookie, [jobId](SimulatedCamera& cam) { cam.mEvents.push_back({Event::kEngineDone, jobId, 0}); });
   }
   static void onStatistics(void* cookie, int /*jobId*/, android::KO_statistics_cb_t* stats) {
-    SimulatedCamera* cam = self(cookie);
-    std::lock_guard<std::mutex> lock(cam->mLock);
-    const uint8_t* data = static_cast<const uint8_t*>(stats->data);
-    cam->mStatistics.emplace_back(data, data + stats->size);
+    on(cookie, [stats](SimulatedCamera& cam) {
+      const uint8_t* data = static_cast<const uint8_t*>(stats->data);
+      cam.mStatistics.emplace_back(data, data + stats->size);
+    });
   }
   static void onVideoDone(void* cookie, int jobId) {
-    SimulatedCamera* cam = self(cookie);
-    std::lock_guard<std::mutex> lock(cam->mLock);
-    cam->mEvents.push_back({Event::kVideoDone, jobId, 0, false});
+    on(cookie, [jobId](SimulatedCamera& cam) { cam.mEvents.push_back({Event::kVideoDone, jobId, 0}); });
   }
   static void onBestShotDone(void* cookie, int jobId, android::KO_bestShotDone_cb_t* result) {
-    SimulatedCamera* cam = self(cookie);
-    std::lock_guard<std::mutex> lock(cam->mLock);
-    cam->mBestShotDone.push_back(jobId);
-    cam->mEvents.push_back({Event::kBestShotDone, jobId, result ? result->frameId : 0, result && result->replace});
-    cam->checkBestShotRecordLocked(jobId, result);
+    on(cookie, [jobId, result](SimulatedCamera& cam) {
+      cam.mEvents.push_back({Event::kBestShotDone, jobId, result ? result->frameId : 0});
+      cam.checkBestShotRecordLocked(jobId, result);
+    });
   }
 
   // What a camera reads of a best-shot record, while the callback runs: the chosen frame's ZSL
@@ -251,8 +239,6 @@ class SimulatedCamera {
   std::set<uint8_t*> mFree;
   std::set<uint8_t*> mOut;
   int mDoubleReturns = 0;
-  std::vector<int> mEngineDone;
-  std::vector<int> mBestShotDone;
   std::vector<Event> mEvents;
   std::vector<std::string> mRecordFaults;
   std::vector<std::vector<uint8_t>> mStatistics;
@@ -297,15 +283,23 @@ auto withForeground(android::KoEngine* engine, Fn fn) -> decltype(fn(engine->mFg
   return result;
 }
 
+// The frame with that id in the foreground's history (null when it is not there), read between
+// two messages; its events are read under the same lock.
+inline android::sp<android::KoFrameData> frameIn(android::KoEngine* engine, uint32_t id, uint32_t* events = nullptr) {
+  return withForeground(engine, [id, events](android::KoEngineFg* fg) {
+    android::sp<android::KoFrameData> f;
+    fg->mFrameHist->getItemWithFrameId(id, f);
+    if (events != nullptr) *events = f != nullptr ? f->processedEvents() : 0;
+    return f;
+  });
+}
+
 // Waits until the history holds a frame with that id carrying all of `events`.
 inline bool waitForFrame(android::KoEngine* engine, uint32_t id, uint32_t events = 0, int timeoutMs = 20000) {
   return waitUntil(
       [&] {
-        return withForeground(engine, [id, events](android::KoEngineFg* fg) {
-          android::sp<android::KoFrameData> f;
-          fg->mFrameHist->getItemWithFrameId(id, f);
-          return f != nullptr && f->hasEvents(events);
-        });
+        uint32_t has = 0;
+        return frameIn(engine, id, &has) != nullptr && (has & events) == events;
       },
       timeoutMs);
 }
@@ -316,15 +310,24 @@ inline bool waitForFrame(android::KoEngine* engine, uint32_t id, uint32_t events
 // that never reached the history.
 inline void handOver(SimulatedCamera& cam, android::KoEngine* engine, uint32_t id) {
   post(cam, engine, id);
-  waitUntil(
-      [&] {
-        return engine->mFg->isLateMode() || withForeground(engine, [id](android::KoEngineFg* fg) {
-                 android::sp<android::KoFrameData> f;
-                 fg->mFrameHist->getItemWithFrameId(id, f);
-                 return f != nullptr;
-               });
-      },
-      3000);
+  waitUntil([&] { return engine->mFg->isLateMode() || frameIn(engine, id) != nullptr; }, 3000);
+}
+
+// Sets the analysis bits of job `jobId` and reports one of its stages (0x100 best shot, 0x200
+// video, 0x400 preview history) finished, as the background and encoder do.
+inline void postStage(android::KoEngine* engine, int jobId, uint32_t analysisBits, int stage) {
+  engine->mSequenceQueue->setProcessField(jobId, analysisBits);
+  android::sp<android::AMessage> msg =
+      new android::AMessage(android::KoEngineFg::kWhatProcessCompleted, engine->mFg->getHandlerId());
+  msg->setInt32("jobId", jobId);
+  msg->setInt32("processField", stage);
+  msg->post();
+}
+
+// Deletes the engine on another thread; false when that does not end within the deadline.
+inline bool destroyWithin(android::KoEngine* engine, int seconds) {
+  auto done = std::async(std::launch::async, [engine] { delete engine; });
+  return done.wait_for(std::chrono::seconds(seconds)) == std::future_status::ready;
 }
 
 }  // namespace kovane_test

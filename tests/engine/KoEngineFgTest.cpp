@@ -24,12 +24,24 @@ sp<AMessage> stamped(int64_t ageUs) {
   return msg;
 }
 
+// An engine without a camera, its foreground handler's rules run between two messages.
+class KoEngineFgRules : public ::testing::Test {
+ protected:
+  template <typename Fn>
+  void run(Fn fn) {
+    withForeground(&engine, [&](KoEngineFg* fg) {
+      fn(fg);
+      return 0;
+    });
+  }
+  KO_KoEngineConfig_t config = {true, true, true};
+  KoEngine engine{nullptr, &config};
+};
+
 }  // namespace
 
-TEST(KoEngineFg, LateModeHysteresis) {
-  KO_KoEngineConfig_t config = {true, true, true};
-  KoEngine engine(nullptr, &config);
-  withForeground(&engine, [](KoEngineFg* fg) {
+TEST_F(KoEngineFgRules, LateModeHysteresis) {
+  run([](KoEngineFg* fg) {
     EXPECT_FALSE(fg->isMessageLate(stamped(400000)));
     EXPECT_FALSE(fg->isLateMode());
     EXPECT_TRUE(fg->isMessageLate(stamped(600000)));  // more than half a second: late
@@ -39,7 +51,6 @@ TEST(KoEngineFg, LateModeHysteresis) {
     EXPECT_TRUE(fg->isMessageLate(noStamp));  // no time stamp: unchanged
     EXPECT_FALSE(fg->isMessageLate(stamped(40000)));  // caught up
     EXPECT_FALSE(fg->isLateMode());
-    return 0;
   });
 }
 
@@ -59,10 +70,8 @@ KoFrameHist* historyOf(uint32_t firstId, uint32_t lastId, int64_t spanUs) {
 
 }  // namespace
 
-TEST(KoEngineFg, FrameRateAndLowFpsMode) {
-  KO_KoEngineConfig_t config = {true, true, true};
-  KoEngine engine(nullptr, &config);
-  withForeground(&engine, [](KoEngineFg* fg) {
+TEST_F(KoEngineFgRules, FrameRateAndLowFpsMode) {
+  run([](KoEngineFg* fg) {
     KoFrameHist* fast = historyOf(100, 130, 1500000);
     EXPECT_EQ(fg->calculateFps(fast), 20);  // frame ids count, not history items
     EXPECT_FALSE(fg->getLowFpsMode(fast, true, true));
@@ -76,14 +85,11 @@ TEST(KoEngineFg, FrameRateAndLowFpsMode) {
     EXPECT_FALSE(fg->getLowFpsMode(slow, true, false));
     delete fast;
     delete slow;
-    return 0;
   });
 }
 
-TEST(KoEngineFg, MissingFaceModeAndReplaceOverride) {
-  KO_KoEngineConfig_t config = {true, true, true};
-  KoEngine engine(nullptr, &config);
-  withForeground(&engine, [](KoEngineFg* fg) {
+TEST_F(KoEngineFgRules, MissingFaceModeAndReplaceOverride) {
+  run([](KoEngineFg* fg) {
     KoFrameHist hist;
     EXPECT_FALSE(fg->getMissingFaceDataMode(&hist));
     EXPECT_EQ(fg->getReplaceOverride(&hist), 0u);
@@ -108,16 +114,13 @@ TEST(KoEngineFg, MissingFaceModeAndReplaceOverride) {
     fg->mMissingFaceDataMode = false;
     newest->mZoom = 0;
     EXPECT_EQ(fg->getReplaceOverride(&hist), 0x4u);
-    return 0;
   });
 }
 
-TEST(KoEngineFg, StatisticsOnRealFramesAndMotionCadence) {
+TEST_F(KoEngineFgRules, StatisticsOnRealFramesAndMotionCadence) {
   kovane_test::SimulatedCamera cam;
   ASSERT_TRUE(cam.ready());
-  KO_KoEngineConfig_t config = {true, true, true};
-  KoEngine engine(nullptr, &config);
-  withForeground(&engine, [&cam, &engine](KoEngineFg* fg) {
+  run([&](KoEngineFg* fg) {
     KoFrameHist hist;
     std::vector<uint32_t> withMotion;
     for (uint32_t id = 1; id <= 7; ++id) {
@@ -125,8 +128,7 @@ TEST(KoEngineFg, StatisticsOnRealFramesAndMotionCadence) {
       p.timeStamp = 1000000 + static_cast<int64_t>(id) * 33000;  // exactly 33 ms apart
       sp<KoFrameData> frame;
       engine.mFrameDataCreate->newFrame(&p, frame);
-      EXPECT_NE(frame, nullptr);
-      if (frame == nullptr) return 0;
+      ASSERT_NE(frame, nullptr);
       hist.addFrameData(frame);
       if (hist.size() < 2) continue;
       sp<KoFrameData> previous = hist.mHistory[hist.size() - 2]->mFrameData;
@@ -152,7 +154,6 @@ TEST(KoEngineFg, StatisticsOnRealFramesAndMotionCadence) {
     std::string log = capture.finish();
     EXPECT_NE(log.find("processFrameStats: Processing buffers NULL"), std::string::npos) << log;
     EXPECT_FALSE(broken->hasEvents(KoFrameData::EVENT_STATS));
-    return 0;
   });
 }
 
@@ -173,9 +174,7 @@ int foregroundThreads() {
 }
 }  // namespace
 
-TEST(KoEngineFg, DroppedWithoutDeinitStillStopsItsLooper) {
-  KO_KoEngineConfig_t config = {true, true, true};
-  KoEngine engine(nullptr, &config);
+TEST_F(KoEngineFgRules, DroppedWithoutDeinitStillStopsItsLooper) {
   ASSERT_TRUE(kovane_test::waitUntil([] { return foregroundThreads() == 1; }));
   // A second handler on its own looper, released without deinit with a message on its way: its
   // destructor must not wait for a stop message that can no longer reach it, and its thread

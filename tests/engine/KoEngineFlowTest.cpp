@@ -8,26 +8,14 @@
 #include "EngineTestSupport.h"
 #include "HostSensorFeed.h"
 #include "KoFrameHistSnapshot.h"
-#include "KoSequenceQueue.h"
 #include "KoStatsReader.h"
 
 using namespace android;
 using kovane_test::SimulatedCamera;
+using kovane_test::postStage;
 using kovane_test::waitForFrame;
 using kovane_test::waitUntil;
 using kovane_test::withForeground;
-
-namespace {
-
-void postStage(KoEngine* engine, int jobId, uint32_t analysisBits, int stage) {
-  engine->mSequenceQueue->setProcessField(jobId, analysisBits);
-  sp<AMessage> msg = new AMessage(KoEngineFg::kWhatProcessCompleted, engine->mFg->getHandlerId());
-  msg->setInt32("jobId", jobId);
-  msg->setInt32("processField", stage);
-  msg->post();
-}
-
-}  // namespace
 
 TEST(KoEngineFlow, FramesCaptureAndStagesThroughThePublicInterface) {
   SimulatedCamera cam;
@@ -66,16 +54,7 @@ TEST(KoEngineFlow, FramesCaptureAndStagesThroughThePublicInterface) {
         if (withZsl) engine->handleZslFrame(&zsl);
       }
       if (id == kShutter) {
-        KO_TakePicture_t pic = {};
-        pic.jobId = kJob;
-        pic.frameId = static_cast<int32_t>(kShutter);
-        pic.timeStamp = SimulatedCamera::timestampOf(kShutter);
-        pic.videoFd = -1;
-        pic.metadataFd = -1;
-        uint8_t blob[16] = {9, 8, 7};
-        pic.config = blob;
-        pic.configSize = sizeof(blob);
-        pic.bestShotEnable = true;
+        KO_TakePicture_t pic = kovane_test::picture(kJob, kShutter, false);
         pic.exifTs = {1700000000, 5};
         EXPECT_EQ(engine->handleTakePicture(&pic), 0);
       }
@@ -117,10 +96,7 @@ TEST(KoEngineFlow, FramesCaptureAndStagesThroughThePublicInterface) {
   std::vector<std::vector<uint8_t>> stats = cam.statistics();
   ASSERT_EQ(stats.size(), 1u);
   ASSERT_GT(stats[0].size(), 4u + 12u);
-  EXPECT_EQ(stats[0][0], 3);
-  EXPECT_EQ(stats[0][1], 0);
-  EXPECT_EQ(stats[0][2], 0);
-  EXPECT_EQ(stats[0][3], 0);
+  EXPECT_EQ(std::vector<uint8_t>(stats[0].begin(), stats[0].begin() + 4), (std::vector<uint8_t>{3, 0, 0, 0}));
   EXPECT_EQ(memcmp(&stats[0][8], "dhss", 4), 0);
   KoStatsReader reader;
   ASSERT_TRUE(reader.parse(stats[0].data(), stats[0].size())) << reader.error();
@@ -163,6 +139,5 @@ TEST(KoEngineFlow, FramesCaptureAndStagesThroughThePublicInterface) {
 
   delete engine;
   HostSensorFeed::reset();
-  EXPECT_EQ(cam.zslOut(), 0u);
-  EXPECT_EQ(cam.doubleReturns(), 0);
+  cam.expectAllReturned();
 }

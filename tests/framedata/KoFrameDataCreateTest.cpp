@@ -2,8 +2,8 @@
 // size path, camera values, motion-sensor samples, face and ZSL records, and bad input.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdlib>
+#include <iterator>
 #include <thread>
 
 #include "DexFrameMetaData.h"
@@ -12,6 +12,7 @@
 #include "KoFrameDataCreate.h"
 #include "StderrCapture.h"
 #include "TestData.h"
+#include "../platform/PlatformTestUtil.h"
 
 using namespace android;
 using kovane_test::TestEngineContext;
@@ -65,70 +66,30 @@ CameraFrame cut(const std::vector<uint8_t>& src, int srcW, int srcH, int x0, int
   return f;
 }
 
-// Exact area average of one channel: every output pixel is the mean of the source area it
-// covers, partial source pixels weighted by their overlap.
-std::vector<double> areaAverage(const uint8_t* src, int sw, int sh, int rowBytes, int step, int channel,
-                                int dw, int dh) {
-  auto weights = [](int s, int d) {
-    std::vector<std::vector<std::pair<int, double>>> w(d);
-    const double scale = static_cast<double>(s) / d;
-    for (int o = 0; o < d; ++o) {
-      double a = o * scale, b = (o + 1) * scale;
-      for (int i = static_cast<int>(std::floor(a)); i < static_cast<int>(std::ceil(b)) && i < s; ++i) {
-        double overlap = std::min(b, i + 1.0) - std::max(a, static_cast<double>(i));
-        if (overlap > 0) w[o].push_back({i, overlap / scale});
-      }
-    }
-    return w;
-  };
-  auto wx = weights(sw, dw), wy = weights(sh, dh);
-  std::vector<double> out(static_cast<size_t>(dw) * dh);
-  for (int y = 0; y < dh; ++y)
-    for (int x = 0; x < dw; ++x) {
-      double sum = 0;
-      for (auto& [sy, fy] : wy[y])
-        for (auto& [sx, fx] : wx[x]) sum += fy * fx * src[static_cast<size_t>(sy) * rowBytes + sx * step + channel];
-      out[static_cast<size_t>(y) * dw + x] = sum;
-    }
-  return out;
-}
-
-struct Diff {
-  double maxAbs = 0;
-  double meanAbs = 0;
-};
-Diff compare(const uint8_t* got, const std::vector<double>& ref) {
-  Diff d;
-  for (size_t i = 0; i < ref.size(); ++i) {
-    double e = std::fabs(got[i] - ref[i]);
-    d.maxAbs = std::max(d.maxAbs, e);
-    d.meanAbs += e;
-  }
-  d.meanAbs /= static_cast<double>(ref.size());
-  return d;
-}
-
 // Checks the three planes of a frame's downscaled image against the area-average reference;
 // plane A must be U (the second byte of each V,U pair), plane B V.
 void expectMatchesReference(const CameraFrame& cam, const sp<KoFrameData>& frame, double maxAbs, double meanAbs) {
+  using platform_test::areaReference;
   const int w = static_cast<int>(frame->mWidth), h = static_cast<int>(frame->mHeight);
+  const int cw = cam.width / 2, ch = cam.height / 2;
   const uint8_t* out = frame->mDownscaledImage->data();
   const uint8_t* planeA = out + w * h;
   const uint8_t* planeB = planeA + (w / 2) * (h / 2);
-  Diff y = compare(out, areaAverage(cam.luma(), cam.width, cam.height, cam.stride, 1, 0, w, h));
-  std::vector<double> refU = areaAverage(cam.chroma(), cam.width / 2, cam.height / 2, cam.stride, 2, 1, w / 2, h / 2);
-  std::vector<double> refV = areaAverage(cam.chroma(), cam.width / 2, cam.height / 2, cam.stride, 2, 0, w / 2, h / 2);
-  Diff u = compare(planeA, refU);
-  Diff v = compare(planeB, refV);
-  EXPECT_LE(y.maxAbs, maxAbs);
-  EXPECT_LE(y.meanAbs, meanAbs);
-  EXPECT_LE(u.maxAbs, maxAbs);
-  EXPECT_LE(u.meanAbs, meanAbs);
-  EXPECT_LE(v.maxAbs, maxAbs);
-  EXPECT_LE(v.meanAbs, meanAbs);
+  auto diff = [&](const uint8_t* got, const std::vector<double>& ref, int dw, int dh) {
+    return platform_test::diffTo(got, dw, 1, ref, dw, dh);
+  };
+  const std::vector<double> refU = areaReference(cam.chroma() + 1, cw, ch, cam.stride, 2, w / 2, h / 2);
+  const std::vector<double> refV = areaReference(cam.chroma(), cw, ch, cam.stride, 2, w / 2, h / 2);
+  const platform_test::Diff planes[] = {
+      diff(out, areaReference(cam.luma(), cam.width, cam.height, cam.stride, 1, w, h), w, h),
+      diff(planeA, refU, w / 2, h / 2), diff(planeB, refV, w / 2, h / 2)};
+  for (const platform_test::Diff& d : planes) {
+    EXPECT_LE(d.maxAbs, maxAbs);
+    EXPECT_LE(d.meanAbs, meanAbs);
+  }
   // Swapped chroma would match the other reference instead.
-  EXPECT_LT(u.meanAbs, compare(planeA, refV).meanAbs);
-  EXPECT_LT(v.meanAbs, compare(planeB, refU).meanAbs);
+  EXPECT_LT(planes[1].meanAbs, diff(planeA, refV, w / 2, h / 2).meanAbs);
+  EXPECT_LT(planes[2].meanAbs, diff(planeB, refU, w / 2, h / 2).meanAbs);
 }
 
 class FrameCreation : public ::testing::Test {
@@ -144,45 +105,7 @@ class FrameCreation : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(FrameCreation, FullHdBecomesAnI420AnalysisImageMatchingTheAreaAverage) {
-  TestEngineContext engine;
-  KoFrameDataCreate factory(&engine);
-  CameraFrame cam = cut(solvay, 1920, 1080, 0, 0, 1920, 1080, 1920);
-  KO_dex_af_metadata_t af = {-5, 100, 200, 300, 400, 2};
-  cam.preview.afMetadata = &af;
-  sp<KoFrameData> frame;
-  ASSERT_EQ(factory.newFrame(&cam.preview, frame), 0);
-  ASSERT_NE(frame, nullptr);
-  EXPECT_EQ(frame->mWidth, 640u);
-  EXPECT_EQ(frame->mHeight, 360u);
-  EXPECT_EQ(frame->mDownscaledImage->size(), 640u * 360 * 3 / 2);
-  EXPECT_EQ(reinterpret_cast<uintptr_t>(frame->mDownscaledImage->data()) % 16, 0u);
-  EXPECT_EQ(frame->mAnalysisImage, frame->mDownscaledImage->data());
-  expectMatchesReference(cam, frame, 1.0, 0.5);
-
-  EXPECT_EQ(frame->mTimestamp, 123456789);
-  EXPECT_EQ(frame->mFrameId, 42u);
-  EXPECT_EQ(frame->mZoom, 3u);
-  EXPECT_EQ(frame->mOrientation, 90);
-  EXPECT_EQ(frame->mCafState, 4);
-  EXPECT_EQ(frame->mPreviewWidth, 1920u);
-  EXPECT_EQ(frame->mFaceRefWidth, 1920u);
-  EXPECT_EQ(frame->mFaceRefHeight, 1080u);
-  EXPECT_EQ(frame->mLensPos, -5);
-  EXPECT_EQ(frame->mAfNumRoi, 1);
-  EXPECT_EQ(frame->mAfRoiType, 2);
-  EXPECT_EQ(frame->mAfWindow[0], 100);
-  EXPECT_EQ(frame->mAfWindow[3], 400);
-  EXPECT_EQ(frame->mAnalysisWidth, 640u);
-  EXPECT_EQ(frame->mAnalysisImageSize, 345600u);
-  EXPECT_EQ(frame->mSmallImage->size(), 57600u);
-  EXPECT_EQ(frame->mSobelBuffer1->size(), 115200u);
-  EXPECT_EQ(frame->mSobelBuffer2->size(), 115200u);
-  EXPECT_EQ(frame->mHistogramBins, 32u);
-  EXPECT_NE(frame->mHistogram, nullptr);
-}
-
-TEST_F(FrameCreation, EverySizeTakesItsPath) {
+TEST_F(FrameCreation, EverySizeTakesItsPathToAnI420AnalysisImageMatchingTheAreaAverage) {
   TestEngineContext engine;
   KoFrameDataCreate factory(&engine);
   struct Case {
@@ -190,28 +113,55 @@ TEST_F(FrameCreation, EverySizeTakesItsPath) {
     uint32_t outW, outH;
     double maxAbs, meanAbs;
   };
-  // 1280x720 and 1440x1080 take the fixed reducers; 1600x900 with a padded stride and 640x480
-  // the general ones (640x480 is not reduced at all, only copied through).
+  // 1920x1080 (a preview frame, with focus metadata), 1280x720 and 1440x1080 take the fixed
+  // reducers; 1600x900 with a padded stride and 640x480 the general ones (640x480 is not
+  // reduced at all, only copied through). All but the first are video frames.
   const Case cases[] = {
-      {1280, 720, 1280, 640, 360, 1.0, 0.5},
-      {1440, 1080, 1440, 640, 480, 1.0, 0.5},
-      {1600, 900, 1664, 640, 360, 1.0, 0.5},
+      {1920, 1080, 1920, 640, 360, 1.0, 0.5}, {1280, 720, 1280, 640, 360, 1.0, 0.5},
+      {1440, 1080, 1440, 640, 480, 1.0, 0.5}, {1600, 900, 1664, 640, 360, 1.0, 0.5},
       {640, 480, 640, 640, 480, 0.0, 0.0},
   };
+  KO_dex_af_metadata_t af = {-5, 100, 200, 300, 400, 2};
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << c.w << "x" << c.h);
-    CameraFrame cam = cut(solvay, 1920, 1080, 40, 20, c.w, c.h, c.stride);
-    cam.preview.streamType = KO_STREAM_TYPE_VIDEO;
+    const bool fullHd = c.w == 1920;
+    CameraFrame cam = cut(solvay, 1920, 1080, fullHd ? 0 : 40, fullHd ? 0 : 20, c.w, c.h, c.stride);
+    if (fullHd) {
+      cam.preview.afMetadata = &af;
+    } else {
+      cam.preview.streamType = KO_STREAM_TYPE_VIDEO;
+    }
     sp<KoFrameData> frame;
     ASSERT_EQ(factory.newFrame(&cam.preview, frame), 0);
     ASSERT_NE(frame, nullptr);
     EXPECT_EQ(frame->mWidth, c.outW);
     EXPECT_EQ(frame->mHeight, c.outH);
-    EXPECT_EQ(frame->mFaceRefWidth, 0u);  // video stream: faces do not refer to it
+    EXPECT_EQ(frame->mDownscaledImage->size(), c.outW * c.outH * 3 / 2);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(frame->mDownscaledImage->data()) % 16, 0u);
+    // Faces refer to the preview stream only.
+    EXPECT_EQ(frame->mFaceRefWidth, fullHd ? 1920u : 0u);
+    EXPECT_EQ(frame->mFaceRefHeight, fullHd ? 1080u : 0u);
     EXPECT_EQ(frame->mPreviewWidth, static_cast<uint32_t>(c.w));
-    EXPECT_EQ(frame->mAfNumRoi, 0);
+    EXPECT_EQ(frame->mAfNumRoi, fullHd ? 1 : 0);
     EXPECT_EQ(frame->mAnalysisImage, frame->mDownscaledImage->data() + c.outW * ((c.outH - 360) / 2));
     expectMatchesReference(cam, frame, c.maxAbs, c.meanAbs);
+    if (!fullHd) continue;
+    EXPECT_EQ(frame->mTimestamp, 123456789);
+    EXPECT_EQ(frame->mFrameId, 42u);
+    EXPECT_EQ(frame->mZoom, 3u);
+    EXPECT_EQ(frame->mOrientation, 90);
+    EXPECT_EQ(frame->mCafState, 4);
+    EXPECT_EQ(frame->mLensPos, -5);
+    EXPECT_EQ(frame->mAfRoiType, 2);
+    EXPECT_EQ(frame->mAfWindow[0], 100);
+    EXPECT_EQ(frame->mAfWindow[3], 400);
+    EXPECT_EQ(frame->mAnalysisWidth, 640u);
+    EXPECT_EQ(frame->mAnalysisImageSize, 345600u);
+    EXPECT_EQ(frame->mSmallImage->size(), 57600u);
+    EXPECT_EQ(frame->mSobelBuffer1->size(), 115200u);
+    EXPECT_EQ(frame->mSobelBuffer2->size(), 115200u);
+    EXPECT_EQ(frame->mHistogramBins, 32u);
+    EXPECT_NE(frame->mHistogram, nullptr);
   }
 }
 
@@ -236,43 +186,31 @@ TEST_F(FrameCreation, BadInputLosesTheFrameWithoutCrashing) {
             std::string::npos)
       << log;
 
-  // Null image, null layout, zero and tiny sizes, a stride narrower than the width.
+  // Null image, null layout, zero and tiny sizes, a stride narrower than the width; layouts that
+  // would read past the frame handed over: a frame shorter than its size needs, a larger size
+  // than the buffer holds, chroma placed beyond the end or over the luma, one plane only.
   cam.preview.colorFormat = KO_COLOR_FORMAT_NV21;
   kovane_test::StderrCapture quiet;
-  KO_PreviewFrameData_t bad = cam.preview;
-  bad.data = nullptr;
-  EXPECT_EQ(factory.newFrame(&bad, frame), 0);
-  bad = cam.preview;
-  bad.planes = nullptr;
-  EXPECT_EQ(factory.newFrame(&bad, frame), 0);
-  bad = cam.preview;
-  bad.width = 0;
-  EXPECT_EQ(factory.newFrame(&bad, frame), 0);
-  bad = cam.preview;
-  bad.width = 8;
-  bad.height = 8;
-  EXPECT_EQ(factory.newFrame(&bad, frame), 0);
-  bad = cam.preview;
-  KO_cam_frame_len_offset_t narrow = cam.planes;
-  narrow.mp[0].stride = 320;
-  bad.planes = &narrow;
-  EXPECT_EQ(factory.newFrame(&bad, frame), 0);
-  // Layouts that would read past the frame handed over: a frame shorter than its size needs,
-  // a larger size than the buffer holds, chroma placed beyond the end or over the luma, one
-  // plane only.
-  for (int fault = 0; fault < 5; ++fault) {
-    bad = cam.preview;
+  using Fault = void (*)(KO_PreviewFrameData_t&, KO_cam_frame_len_offset_t&);
+  const Fault faults[] = {
+      [](KO_PreviewFrameData_t& p, KO_cam_frame_len_offset_t&) { p.data = nullptr; },
+      [](KO_PreviewFrameData_t& p, KO_cam_frame_len_offset_t&) { p.planes = nullptr; },
+      [](KO_PreviewFrameData_t& p, KO_cam_frame_len_offset_t&) { p.width = 0; },
+      [](KO_PreviewFrameData_t& p, KO_cam_frame_len_offset_t&) { p.width = p.height = 8; },
+      [](KO_PreviewFrameData_t&, KO_cam_frame_len_offset_t& t) { t.mp[0].stride = 320; },
+      [](KO_PreviewFrameData_t&, KO_cam_frame_len_offset_t& t) { t.frameLen -= 1; },
+      [](KO_PreviewFrameData_t& p, KO_cam_frame_len_offset_t&) { p.width = 1280, p.height = 2880; },
+      [](KO_PreviewFrameData_t&, KO_cam_frame_len_offset_t& t) { t.mp[1].offset = 64; },
+      [](KO_PreviewFrameData_t&, KO_cam_frame_len_offset_t& t) { t.mp[0].len = 1920 * 1000; },
+      [](KO_PreviewFrameData_t&, KO_cam_frame_len_offset_t& t) { t.numPlanes = 1; },
+  };
+  for (size_t n = 0; n < std::size(faults); ++n) {
+    KO_PreviewFrameData_t bad = cam.preview;
     KO_cam_frame_len_offset_t table = cam.planes;
-    switch (fault) {
-      case 0: table.frameLen -= 1; break;
-      case 1: bad.width = 1280, bad.height = 2880; break;
-      case 2: table.mp[1].offset = 64; break;
-      case 3: table.mp[0].len = 1920 * 1000; break;
-      default: table.numPlanes = 1; break;
-    }
     bad.planes = &table;
-    EXPECT_EQ(factory.newFrame(&bad, frame), 0) << fault;
-    EXPECT_EQ(frame, nullptr) << fault;
+    faults[n](bad, table);
+    EXPECT_EQ(factory.newFrame(&bad, frame), 0) << n;
+    EXPECT_EQ(frame, nullptr) << n;
   }
   EXPECT_EQ(factory.newFrame(nullptr, frame), 0);
   quiet.finish();

@@ -54,19 +54,19 @@ TEST(KoFrameData, ImagesAreFreedAndTheZslBufferOutlivesTheFrame) {
 
 TEST(KoFrameData, SensorBlockCarriesTheFourSamplesInOrder) {
   sp<KoFrameData> frame = makeFrame(1, 0);
-  frame->mAccelSample = {11, 1.f, 2.f, 3.f};
-  frame->mGyroSample = {22, 4.f, 5.f, 6.f};
-  frame->mOrientSample = {33, 7.f, 8.f, 9.f};
-  frame->mMagneticSample = {44, 10.f, 11.f, 12.f};
-  frame->mSensorEnabled[0] = 1;
-  frame->mSensorEnabled[1] = 1;
-  KO_sensorData_t block = frame->sensorData();
-  EXPECT_EQ(block.accel.timeStamp, 11);
-  EXPECT_EQ(block.gyro.timeStamp, 22);
-  EXPECT_FLOAT_EQ(block.gyro.z, 6.f);
-  EXPECT_EQ(block.orient.timeStamp, 33);
-  EXPECT_FLOAT_EQ(block.magnetic.x, 10.f);
-  EXPECT_EQ(block.enabled[0], 1);
-  EXPECT_EQ(block.enabled[1], 1);
-  EXPECT_EQ(block.enabled[2], 0);
+  KoSensorSample* samples[] = {&frame->mAccelSample, &frame->mGyroSample, &frame->mOrientSample,
+                               &frame->mMagneticSample};
+  for (int i = 0; i < 4; ++i) {
+    *samples[i] = {11 * (i + 1), 3.f * i + 1, 3.f * i + 2, 3.f * i + 3};
+    frame->mSensorEnabled[i] = i < 2;
+  }
+  const KO_sensorData_t block = frame->sensorData();
+  const KO_sensorSample_t* out[] = {&block.accel, &block.gyro, &block.orient, &block.magnetic};
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_EQ(out[i]->timeStamp, 11 * (i + 1)) << i;
+    EXPECT_FLOAT_EQ(out[i]->x, 3.f * i + 1) << i;
+    EXPECT_FLOAT_EQ(out[i]->y, 3.f * i + 2) << i;
+    EXPECT_FLOAT_EQ(out[i]->z, 3.f * i + 3) << i;
+    EXPECT_EQ(block.enabled[i], i < 2 ? 1 : 0) << i;
+  }
 }

@@ -53,35 +53,24 @@ TEST(KoMemory, StatusBookkeepingKeepsItsAsymmetries) {
   KoMemory* memory = engine.memory();
   sp<KoMemoryBuffer> buffer;
   ASSERT_TRUE(memory->addZslBuffer(zslAddress(1), &buffer));
-  uint32_t status = 0;
-  int32_t locks = 0;
-  ASSERT_TRUE(memory->getStatus(zslAddress(1), &status, &locks));
-  EXPECT_EQ(status, KoMemory::STATUS_REGISTERED);
-
-  buffer->updateStatus(KOMEMORY_IN_HISTORY);
-  buffer->updateStatus(KOMEMORY_SNAPSHOT_LOCK);
-  buffer->updateStatus(KOMEMORY_SNAPSHOT_LOCK);
-  memory->getStatus(zslAddress(1), &status, &locks);
-  EXPECT_EQ(status, KoMemory::STATUS_IN_HISTORY | KoMemory::STATUS_SNAPSHOT);
-  EXPECT_EQ(locks, 2);
-
+  // The status word and the lock count of the buffer, after applying `ops`.
+  using St = std::pair<uint32_t, int32_t>;
+  auto after = [&](std::initializer_list<int> ops) {
+    for (int op : ops) buffer->updateStatus(static_cast<KOMEMORY_STATUS_T>(op));
+    uint32_t status = 0xdead;
+    int32_t locks = -1;
+    EXPECT_TRUE(memory->getStatus(zslAddress(1), &status, &locks));
+    return St{status, locks};
+  };
+  EXPECT_EQ(after({}).first, static_cast<uint32_t>(KoMemory::STATUS_REGISTERED));
+  EXPECT_EQ(after({KOMEMORY_IN_HISTORY, KOMEMORY_SNAPSHOT_LOCK, KOMEMORY_SNAPSHOT_LOCK}),
+            St(KoMemory::STATUS_IN_HISTORY | KoMemory::STATUS_SNAPSHOT, 2));
   // One unlock clears the snapshot bit although a lock remains.
-  buffer->updateStatus(KOMEMORY_SNAPSHOT_UNLOCK);
-  memory->getStatus(zslAddress(1), &status, &locks);
-  EXPECT_EQ(status, KoMemory::STATUS_IN_HISTORY);
-  EXPECT_EQ(locks, 1);
-
+  EXPECT_EQ(after({KOMEMORY_SNAPSHOT_UNLOCK}), St(KoMemory::STATUS_IN_HISTORY, 1));
   // "In history" replaces the whole word, dropping a snapshot's bit.
-  buffer->updateStatus(KOMEMORY_SNAPSHOT_LOCK);
-  buffer->updateStatus(KOMEMORY_IN_HISTORY);
-  memory->getStatus(zslAddress(1), &status, &locks);
-  EXPECT_EQ(status, KoMemory::STATUS_IN_HISTORY);
-
-  buffer->updateStatus(KOMEMORY_OUT_OF_HISTORY);
-  buffer->updateStatus(static_cast<KOMEMORY_STATUS_T>(9));  // unknown operation: no change
-  memory->getStatus(zslAddress(1), &status, &locks);
-  EXPECT_EQ(status, 0u);
-  EXPECT_EQ(locks, 2);
+  EXPECT_EQ(after({KOMEMORY_SNAPSHOT_LOCK, KOMEMORY_IN_HISTORY}).first, static_cast<uint32_t>(KoMemory::STATUS_IN_HISTORY));
+  // Out of the history clears the word; an unknown operation changes nothing.
+  EXPECT_EQ(after({KOMEMORY_OUT_OF_HISTORY, 9}), St(0, 2));
 }
 
 TEST(KoMemory, UnknownAddressesOnlyLog) {

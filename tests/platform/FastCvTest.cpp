@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "PlatformTestUtil.h"
 #include "StderrCapture.h"
 #include "TestData.h"
 #include "fastcv.h"
@@ -14,44 +15,10 @@ namespace {
 
 constexpr int kW = 1280;
 constexpr int kH = 720;
+using platform_test::areaReference;
 
-// Straightforward area average: each target pixel is the mean of the source area it covers,
-// partly covered pixels weighted by the covered fraction. `step` is the distance between
-// samples of the channel (1 for a plane, 2 for one channel of interleaved pairs).
-std::vector<double> areaReference(const uint8_t* src, int sw, int sh, int stride, int step,
-                                  int dw, int dh) {
-  std::vector<double> out(static_cast<size_t>(dw) * dh);
-  for (int y = 0; y < dh; ++y) {
-    double y0 = double(y) * sh / dh, y1 = double(y + 1) * sh / dh;
-    for (int x = 0; x < dw; ++x) {
-      double x0 = double(x) * sw / dw, x1 = double(x + 1) * sw / dw;
-      double sum = 0, weight = 0;
-      for (int j = int(y0); j < int(std::ceil(y1)); ++j) {
-        double wy = std::min(y1, j + 1.0) - std::max(y0, double(j));
-        for (int i = int(x0); i < int(std::ceil(x1)); ++i) {
-          double wx = std::min(x1, i + 1.0) - std::max(x0, double(i));
-          sum += src[static_cast<size_t>(j) * stride + static_cast<size_t>(i) * step] * wx * wy;
-          weight += wx * wy;
-        }
-      }
-      out[static_cast<size_t>(y) * dw + x] = sum / weight;
-    }
-  }
-  return out;
-}
-
-// Largest difference between a reduced plane (or channel) and the reference.
-double maxDiff(const uint8_t* got, int dstStride, int step, const std::vector<double>& ref, int dw,
-               int dh) {
-  double worst = 0;
-  for (int y = 0; y < dh; ++y) {
-    for (int x = 0; x < dw; ++x) {
-      double d = std::fabs(got[static_cast<size_t>(y) * dstStride + static_cast<size_t>(x) * step] -
-                           ref[static_cast<size_t>(y) * dw + x]);
-      worst = std::max(worst, d);
-    }
-  }
-  return worst;
+double maxDiff(const uint8_t* got, int stride, int step, const std::vector<double>& ref, int dw, int dh) {
+  return platform_test::diffTo(got, stride, step, ref, dw, dh).maxAbs;
 }
 
 }  // namespace

@@ -30,7 +30,7 @@ struct Waitable {
 
 }  // namespace
 
-TEST(PlatformPthreadNpTest, TimesOutAfterTheRelativeTimeAndRejectsMalformedTimes) {
+TEST(PlatformPthreadNpTest, TimesOutAfterTheRelativeTimeRejectsMalformedTimesAndWakesOnSignal) {
   Waitable w;
   const struct timespec rel = {0, 30 * 1000 * 1000};  // 30 ms
   const struct timespec zero = {0, 0}, badNs = {0, 1000000000L}, negative = {-1, 0};
@@ -47,10 +47,8 @@ TEST(PlatformPthreadNpTest, TimesOutAfterTheRelativeTimeAndRejectsMalformedTimes
   EXPECT_EQ(rc, ETIMEDOUT);
   EXPECT_GE(elapsed, 30 * 1000 * 1000);
   EXPECT_LT(elapsed, int64_t{5} * 1000 * 1000 * 1000);
-}
 
-TEST(PlatformPthreadNpTest, WokenBySignalBeforeTheTimeout) {
-  Waitable w;
+  // A signal wakes the waiter long before its timeout.
   std::thread signaller([&w] {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));  // let the waiter block first
     pthread_mutex_lock(&w.mutex);
@@ -58,14 +56,14 @@ TEST(PlatformPthreadNpTest, WokenBySignalBeforeTheTimeout) {
     pthread_cond_signal(&w.cond);
     pthread_mutex_unlock(&w.mutex);
   });
-  const struct timespec rel = {20, 0};
-  int64_t start = monotonicNs();
+  const struct timespec longRel = {20, 0};
+  start = monotonicNs();
   pthread_mutex_lock(&w.mutex);
-  int rc = 0;
-  while (!w.flag && rc == 0) rc = pthread_cond_timedwait_relative_np(&w.cond, &w.mutex, &rel);
+  rc = 0;
+  while (!w.flag && rc == 0) rc = pthread_cond_timedwait_relative_np(&w.cond, &w.mutex, &longRel);
   bool flag = w.flag;
   pthread_mutex_unlock(&w.mutex);
-  int64_t elapsed = monotonicNs() - start;
+  elapsed = monotonicNs() - start;
   signaller.join();
   EXPECT_EQ(rc, 0);
   EXPECT_TRUE(flag);
