@@ -40,24 +40,18 @@ TEST(CameraMotion, ClassifiesStillPanAndShake) {
   const int64_t t0 = 5000000;
   DexCameraMotion still, pan, shake, jitter;
   feed(still, t0, 60, [](double t, float* g) {
-    g[0] = 0.004f * static_cast<float>(std::sin(31 * t));
-    g[1] = 0.003f;
-    g[2] = -0.002f;
+    g[0] = 0.004f * static_cast<float>(std::sin(31 * t)), g[1] = 0.003f, g[2] = -0.002f;
   });
   feed(pan, t0, 60, [](double t, float* g) {  // slow pan about y, 0.2 rad/s, a little wobble
-    g[0] = 0.02f * static_cast<float>(std::sin(20 * t));
-    g[1] = 0.2f;
-    g[2] = 0.0f;
+    g[0] = 0.02f * static_cast<float>(std::sin(20 * t)), g[1] = 0.2f, g[2] = 0.0f;
   });
   feed(shake, t0, 60, [](double t, float* g) {  // 5 Hz shake, 2 rad/s
     g[0] = 2.0f * static_cast<float>(std::sin(2 * M_PI * 5 * t + 0.3));
-    g[1] = 1.0f * static_cast<float>(std::cos(2 * M_PI * 5 * t));
-    g[2] = 0.0f;
+    g[1] = 1.0f * static_cast<float>(std::cos(2 * M_PI * 5 * t)), g[2] = 0.0f;
   });
   feed(jitter, t0, 60, [](double t, float* g) {  // hand tremor, 0.15 rad/s at 7 Hz
     g[0] = 0.15f * static_cast<float>(std::sin(2 * M_PI * 7 * t));
-    g[1] = 0.1f * static_cast<float>(std::cos(2 * M_PI * 7 * t));
-    g[2] = 0.0f;
+    g[1] = 0.1f * static_cast<float>(std::cos(2 * M_PI * 7 * t)), g[2] = 0.0f;
   });
   const int64_t end = t0 + 59 * kFrameUs;
   const KO_camMotionType_t s = classify(still, t0, end);

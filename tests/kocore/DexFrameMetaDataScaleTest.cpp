@@ -21,13 +21,7 @@ using kocore_test::Plane;
 Plane realPlane(const std::string& name, int w, int h) {
   const bool solvay = name.rfind("solvay", 0) == 0;
   const int fw = solvay ? 1920 : 1280, fh = solvay ? 1080 : 720;
-  Plane full;
-  full.w = fw;
-  full.h = fh;
-  full.px = kovane_test::readNv21(name, fw, fh);
-  if (full.px.empty()) return Plane();
-  full.px.resize(static_cast<size_t>(fw) * fh);
-  return kocore_test::crop(full, (fw - w) / 2, (fh - h) / 2, w, h);
+  return kocore_test::nv21Crop(name, fw, fh, (fw - w) / 2, (fh - h) / 2, w, h).lumaPlane();
 }
 
 // Exact bilinear interpolation with pixel centres aligned: target (x, y) samples the source at
@@ -151,7 +145,12 @@ const Case kCases[] = {
 // is +/-2 with a mean of at most 0.5.
 double maxDeviationOf(Kernel k) { return k == kGeneric ? 1.5 : (k == k3x ? 0.5 : 0.53); }
 
-TEST(BilinearScale, KernelsFollowExactInterpolationOfRealPictures) {
+// Per case: the kernels against exact interpolation; the same output from rows padded with bytes
+// that would show if read into target rows padded with a sentinel that must stay; flat pictures
+// (including the extremes) exactly flat.
+TEST(BilinearScale, KernelsFollowExactInterpolationKeepToTheirRowsAndKeepFlatPicturesFlat) {
+  constexpr int kPad = 13;
+  constexpr uint8_t kSentinel = 0xA5;
   const Plane bird = realPlane("cockatoo_f005_1280x720.nv21", 641, 480);
   const Plane group = realPlane("solvay_1920x1080.nv21", 641, 480);
   ASSERT_FALSE(bird.px.empty());
@@ -164,8 +163,8 @@ TEST(BilinearScale, KernelsFollowExactInterpolationOfRealPictures) {
     const Plane v = kocore_test::crop(group, 0, 0, c.sw, c.sh);
     const std::vector<double> refY = exactBilinear(s, c.dw, c.dh);
     const std::vector<double> refV = exactBilinear(v, c.dw, c.dh);
-    std::vector<uint8_t> luma(static_cast<size_t>(c.dw) * c.dh);
-    std::vector<uint8_t> vu(2 * luma.size());
+    const size_t n = static_cast<size_t>(c.dw) * c.dh;
+    std::vector<uint8_t> luma(n), vu(2 * n);
     ASSERT_EQ(DexFrameMetaData::SCALE_OK, scaleLuma(c.kernel, s, luma.data(), c.dw, c.dh));
     ASSERT_EQ(DexFrameMetaData::SCALE_OK, scaleChroma(c.kernel, s, v, vu.data(), c.dw, c.dh));
     for (const auto& [name, d] :
@@ -175,67 +174,37 @@ TEST(BilinearScale, KernelsFollowExactInterpolationOfRealPictures) {
       EXPECT_LE(d.max, maxDeviationOf(c.kernel) + 1e-9) << name;
       EXPECT_LE(d.mean, 0.4) << name;
     }
-  }
-}
 
-TEST(BilinearScale, FlatPicturesStayExactlyFlat) {
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(describe(c));
-    for (int level : {0, 1, 127, 254, 255}) {
-      Plane s;
-      s.w = c.sw;
-      s.h = c.sh;
-      s.px.assign(static_cast<size_t>(c.sw) * c.sh, static_cast<uint8_t>(level));
-      std::vector<uint8_t> luma(static_cast<size_t>(c.dw) * c.dh, 77);
-      std::vector<uint8_t> vu(2 * luma.size(), 77);
-      ASSERT_EQ(0, scaleLuma(c.kernel, s, luma.data(), c.dw, c.dh));
-      ASSERT_EQ(0, scaleChroma(c.kernel, s, s, vu.data(), c.dw, c.dh));
-      EXPECT_EQ(luma.size(), static_cast<size_t>(std::count(luma.begin(), luma.end(), level)));
-      EXPECT_EQ(vu.size(), static_cast<size_t>(std::count(vu.begin(), vu.end(), level)));
-    }
-  }
-}
-
-// Source rows padded with bytes that would show if read, target rows padded with a sentinel:
-// the output must equal the tightly packed one and the padding stay as it was.
-TEST(BilinearScale, PaddedStridesAreReadAndWrittenOnlyWithinRows) {
-  constexpr int kPad = 13;
-  constexpr uint8_t kSentinel = 0xA5;
-  const Plane bird = realPlane("cockatoo_f155_1280x720.nv21", 641, 480);
-  ASSERT_FALSE(bird.px.empty());
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(describe(c));
-    const Plane s = kocore_test::crop(bird, 0, 0, c.sw, c.sh);
     const int ss = c.sw + kPad;
-    std::vector<uint8_t> padded(static_cast<size_t>(ss) * c.sh, 255);
-    std::vector<uint8_t> paddedV(padded.size(), 0);
+    std::vector<uint8_t> paddedU(static_cast<size_t>(ss) * c.sh, 255), paddedV(paddedU.size(), 0);
     for (int y = 0; y < c.sh; ++y) {
-      for (std::vector<uint8_t>* p : {&padded, &paddedV}) {
-        std::copy_n(&s.px[static_cast<size_t>(y) * c.sw], c.sw, &(*p)[static_cast<size_t>(y) * ss]);
-      }
+      std::copy_n(&s.px[static_cast<size_t>(y) * c.sw], c.sw, &paddedU[static_cast<size_t>(y) * ss]);
+      std::copy_n(&v.px[static_cast<size_t>(y) * c.sw], c.sw, &paddedV[static_cast<size_t>(y) * ss]);
     }
-    const size_t n = static_cast<size_t>(c.dw) * c.dh;
-    std::vector<uint8_t> tight(n), tightVU(2 * n);
-    ASSERT_EQ(0, scaleLuma(c.kernel, s, tight.data(), c.dw, c.dh));
-    ASSERT_EQ(0, scaleChroma(c.kernel, s, s, tightVU.data(), c.dw, c.dh));
-
     for (int bytes : {1, 2}) {
-      const int rowBytes = bytes * c.dw;
-      const int ds = rowBytes + kPad;
+      const int rowBytes = bytes * c.dw, ds = rowBytes + kPad;
       std::vector<uint8_t> out(static_cast<size_t>(ds) * c.dh, kSentinel);
-      if (bytes == 1) {
-        ASSERT_EQ(0, scaleLuma(c.kernel, s, out.data(), c.dw, c.dh, ss, padded.data(), ds));
-      } else {
-        ASSERT_EQ(0, scaleChroma(c.kernel, s, s, out.data(), c.dw, c.dh, ss, padded.data(),
-                                 paddedV.data(), ds));
-      }
-      const std::vector<uint8_t>& expected = bytes == 1 ? tight : tightVU;
+      ASSERT_EQ(0, bytes == 1 ? scaleLuma(c.kernel, s, out.data(), c.dw, c.dh, ss, paddedU.data(), ds)
+                              : scaleChroma(c.kernel, s, v, out.data(), c.dw, c.dh, ss, paddedU.data(),
+                                            paddedV.data(), ds));
+      const std::vector<uint8_t>& expected = bytes == 1 ? luma : vu;
       for (int y = 0; y < c.dh; ++y) {
         const uint8_t* row = &out[static_cast<size_t>(y) * ds];
         ASSERT_TRUE(std::equal(row, row + rowBytes, &expected[static_cast<size_t>(y) * rowBytes]))
             << "row " << y << " of a " << bytes << "-byte target";
         ASSERT_EQ(kPad, std::count(row + rowBytes, row + ds, kSentinel)) << "row " << y;
       }
+    }
+
+    for (int level : {0, 1, 127, 254, 255}) {
+      Plane flat = s;
+      std::fill(flat.px.begin(), flat.px.end(), static_cast<uint8_t>(level));
+      std::fill(luma.begin(), luma.end(), 77);
+      std::fill(vu.begin(), vu.end(), 77);
+      ASSERT_EQ(0, scaleLuma(c.kernel, flat, luma.data(), c.dw, c.dh));
+      ASSERT_EQ(0, scaleChroma(c.kernel, flat, flat, vu.data(), c.dw, c.dh));
+      EXPECT_EQ(n, static_cast<size_t>(std::count(luma.begin(), luma.end(), level))) << level;
+      EXPECT_EQ(2 * n, static_cast<size_t>(std::count(vu.begin(), vu.end(), level))) << level;
     }
   }
 }

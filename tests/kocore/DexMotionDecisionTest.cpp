@@ -3,18 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include <utils/Vector.h>
 
-#include "KocoreClipViews.h"
-#include "DexFrameMetaData.h"
 #include "DexMotionDetection.h"
-#include "KoFrameData.h"
-#include "KoFrameHist.h"
-#include "KoFrameHistSnapshot.h"
-#include "KocoreTestImages.h"
+#include "KocoreClipViews.h"
 
 namespace android {
 namespace {
@@ -29,45 +25,22 @@ std::vector<Plane> clipViews(const std::string& name, int first, int last) {
 
 // Frames 40 ms apart with the foreground's per-frame work done on their views: statistics
 // against the previous frame, and motion estimation on every other frame (80 ms apart, as the
-// engine's 66 ms spacing gives at 25 frames a second).
-struct Clip {
-  KoFrameHist hist;
-  KoFrameHistSnapshot* snapshot = nullptr;
-
-  explicit Clip(const std::vector<Plane>& views, int panningFrames = 0) {
-    DexMotionDetection motion(640, 360);
-    Plane previousSmall;
-    for (size_t i = 0; i < views.size(); ++i) {
-      sp<KoFrameData> f = new KoFrameData();
-      f->mFrameId = 500 + static_cast<uint32_t>(i);
-      f->mTimestamp = 9000000 + 40000 * static_cast<int64_t>(i);
-      const Plane small = kocore_test::half(views[i]);
-      DexFrameMetaData::calcMeanStddev(small.data(), &f->mLumaStats, 320 * 180);
-      if (i > 0) {
-        DexFrameMetaData::calcMFrameDiff(small.data(), previousSmall.data(), &f->mDiffStats,
-                                         320 * 180);
-        f->setProcessedEvents(KoFrameData::EVENT_STATS);
-      }
-      previousSmall = small;
-      if (i % 2 == 0) {
-        motion.processMEPerFrame(views[i].data(), nullptr, nullptr, nullptr, nullptr, 640,
-                                 f->mMotionResult);
-        motion.copyNewRefFrame(views[i].data(), 640, 360, 640);
-        f->setProcessedEvents(KoFrameData::EVENT_MOTION);
-      }
-      if (panningFrames > 0) {
-        f->mCamMotion[3] = static_cast<uint32_t>(
-            static_cast<int>(i) < panningFrames ? DexCameraMotion::MODE_PANNING
-                                                : DexCameraMotion::MODE_STEADY);
-        f->setProcessedEvents(KoFrameData::EVENT_CAM_MOTION);
-      }
-      hist.addFrameData(f);
-    }
-    snapshot = new KoFrameHistSnapshot(&hist);
-  }
-  ~Clip() { delete snapshot; }
-  Clip(const Clip&) = delete;
-  Clip& operator=(const Clip&) = delete;
+// engine's 66 ms spacing gives at 25 frames a second); optionally the first `panningFrames`
+// classed as panning by their own camera-motion estimate, the others as steady.
+struct Clip : kocore_test::ViewHistory {
+  explicit Clip(const std::vector<Plane>& views, int panningFrames = 0)
+      : ViewHistory(views, 40000, [&, motion = std::make_shared<DexMotionDetection>(640, 360)](size_t i, KoFrameData& f) {
+          if (i % 2 == 0) {
+            motion->processMEPerFrame(views[i].data(), nullptr, nullptr, nullptr, nullptr, 640, f.mMotionResult);
+            motion->copyNewRefFrame(views[i].data(), 640, 360, 640);
+            f.setProcessedEvents(KoFrameData::EVENT_MOTION);
+          }
+          if (panningFrames > 0) {
+            f.mCamMotion[3] = static_cast<uint32_t>(static_cast<int>(i) < panningFrames ? DexCameraMotion::MODE_PANNING
+                                                                                          : DexCameraMotion::MODE_STEADY);
+            f.setProcessedEvents(KoFrameData::EVENT_CAM_MOTION);
+          }
+        }) {}
 
   float decide(int captured, int mode = DexCameraMotion::MODE_STEADY, float gyroMean = 0.01f) {
     Vector<KO_camMotionType_t> cam;
@@ -78,7 +51,7 @@ struct Clip {
     t.gyroMax = 2 * gyroMean;
     cam.push(t);
     DexMotionDetection md(640, 360);
-    return md.KoMotionDecision(snapshot, cam, static_cast<int>(snapshot->size()), captured);
+    return md.KoMotionDecision(snapshot, cam, size(), captured);
   }
 };
 

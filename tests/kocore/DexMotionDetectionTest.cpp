@@ -34,15 +34,17 @@ Plane currentView(int sx, int sy, int px = -1, int py = -1, int mx = 0, int my =
   return cur;
 }
 
-Result run(const Plane& cur) {
+// One estimation of `cur` against `ref`, optionally with the caller's scratch buffer; run():
+// against the untranslated view, with one.
+Result runAgainst(const Plane& ref, const Plane& cur, bool scratch = false) {
   DexMotionDetection md(640, 360);
-  const Plane ref = kocore_test::crop(bigFrame(), 160, 90, 640, 360);
   EXPECT_EQ(0, md.copyNewRefFrame(ref.data(), 640, 360, 640));
   Result r{};
-  std::vector<int16_t> scratch(320 * 180);
-  EXPECT_EQ(0, md.processMEPerFrame(cur.data(), nullptr, nullptr, nullptr, scratch.data(), 640, &r));
+  std::vector<int16_t> buffer(scratch ? 320 * 180 : 0);
+  EXPECT_EQ(0, md.processMEPerFrame(cur.data(), nullptr, nullptr, nullptr, scratch ? buffer.data() : nullptr, 640, &r));
   return r;
 }
+Result run(const Plane& cur) { return runAgainst(currentView(0, 0), cur, true); }
 
 TEST(BlockMotion, TranslationIsFoundAndAMovingRegionRaisesTheSubjectScore) {
   ASSERT_EQ(960, bigFrame().w);
@@ -66,14 +68,6 @@ TEST(BlockMotion, TranslationIsFoundAndAMovingRegionRaisesTheSubjectScore) {
   EXPECT_GT(centre.ctrFrmMotionScoreNorm, 0.2f);
   EXPECT_GT(centre.ctrFrmMotionScoreNorm, centre.frmMotionScoreNorm);
   EXPECT_GT(side.numOpposing + centre.numOpposing, 0);  // (-10, 8) opposes (5, -3)
-}
-
-Result runAgainst(const Plane& ref, const Plane& cur) {
-  DexMotionDetection md(640, 360);
-  EXPECT_EQ(0, md.copyNewRefFrame(ref.data(), 640, 360, 640));
-  Result r{};
-  EXPECT_EQ(0, md.processMEPerFrame(cur.data(), nullptr, nullptr, nullptr, nullptr, 640, &r));
-  return r;
 }
 
 // An exposure step (gain or offset, clipped as a sensor clips) between the reference and the

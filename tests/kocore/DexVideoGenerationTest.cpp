@@ -5,7 +5,6 @@
 #include <utils/RefBase.h>
 
 #include <cmath>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -17,8 +16,6 @@
 #include "KoSequenceData.h"
 #include "StderrCapture.h"
 #include "TempFile.h"
-#include "TestData.h"
-#include "TestWait.h"
 
 namespace android {
 namespace {
@@ -27,21 +24,7 @@ constexpr int kW = 640, kH = 360;
 constexpr int64_t kFrameUs = 33333;
 constexpr int64_t kT0 = 5000000;
 
-class Reports : public RefBase {
- public:
-  static void cb(sp<Reports>& r, int jobId, bool saved) {
-    std::lock_guard<std::mutex> lock(r->mLock);
-    r->mCalls.push_back({jobId, saved});
-  }
-  std::vector<std::pair<int, bool>> calls() {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mCalls;
-  }
-
- private:
-  std::mutex mLock;
-  std::vector<std::pair<int, bool>> mCalls;
-};
+using kocore_test::ClipReports;
 
 // A preview running at 30 fps with real webcam pictures, a gyroscope that can be made to pan,
 // and one capture whose clip is being cut.
@@ -50,18 +33,14 @@ class VideoGenerationTest : public ::testing::Test {
   void SetUp() override {
     mPictures = kocore_test::planarClip("webcam_face_b_400x300_25fps.mp4", kW, kH, 30).frames;
     ASSERT_EQ(mPictures.size(), 30u);
-    mReports = new Reports();
-    mEnc.reset(new KoPreviewEncode(mReports, Reports::cb, true, true));
-    mFd = mFile.fd;
-    mPath = mFile.path;
-    ASSERT_GE(mFd, 0);
+    mReports = new ClipReports();
+    mEnc.reset(new KoPreviewEncode(mReports, ClipReports::cb, true, true));
+    ASSERT_GE(mFile.fd, 0);
     mJob.mJobId = 7;
-    mJob.mVideoFd = mFd;
+    mJob.mVideoFd = mFile.fd;
     mJob.mFirstFrameTsUs = mJob.mLastFrameTsUs = -1;
   }
-  void TearDown() override {
-    mEnc.reset();
-  }
+  void TearDown() override { mEnc.reset(); }
   static int64_t ts(int i) { return kT0 + i * kFrameUs; }
   // Frames from..to of the preview: the encoder gets the picture, the camera-motion analyser
   // the gyroscope (panning at `panRate` rad/s about one axis for frames inside [panFrom, panTo]).
@@ -93,19 +72,15 @@ class VideoGenerationTest : public ::testing::Test {
     mJob.mFirstFrameTsUs = ts(frame - 6);
     mJob.mLastFrameTsUs = ts(frame + 6);
   }
-  bool reported() {
-    return kovane_test::waitUntil([&] { return !mReports->calls().empty(); }, 20000);
-  }
+  bool reported(size_t n = 1) { return mReports->reported(n, 20000); }
 
   std::vector<std::vector<uint8_t>> mPictures;
-  sp<Reports> mReports;
+  sp<ClipReports> mReports;
   std::unique_ptr<KoPreviewEncode> mEnc;
   DexCameraMotion mMotion;
   DexVideoGeneration mGen;
   KoSequenceData mJob{};
   kovane_test::TempFile mFile;
-  std::string mPath;
-  int mFd = -1;
   int mPanFrom = -1, mPanTo = -1;
   float mPanRate = 0.0f;
 };
@@ -124,7 +99,7 @@ TEST_F(VideoGenerationTest, SteadyCameraGivesAClipFromOneAndAHalfSecondsBeforeTo
   EXPECT_EQ(mJob.mVideoStopFrameId, 94 + 45);
   ASSERT_TRUE(reported());
   EXPECT_EQ(mReports->calls()[0], std::make_pair(7, true));
-  const kovane_test::ProbedClip clip = kovane_test::probeClip(mPath);
+  const kovane_test::ProbedClip clip = kovane_test::probeClip(mFile.path);
   ASSERT_TRUE(clip.ok) << clip.error;
   ASSERT_EQ(clip.ptsUs.size(), 91u);  // frames 49..139
   EXPECT_EQ(clip.ptsUs[45], ts(94) - ts(49)) << "the shutter frame is in the middle";
@@ -163,7 +138,7 @@ TEST_F(VideoGenerationTest, HardPansCutTheClipAndAClipTooShortIsCancelled) {
     EXPECT_GE(endAfterEach(211, 240, set, cancelled), 215);
     EXPECT_FALSE(set);
     EXPECT_TRUE(cancelled);
-    ASSERT_TRUE(kovane_test::waitUntil([&] { return mReports->calls().size() == 2; }));
+    ASSERT_TRUE(reported(2));
     EXPECT_EQ(mReports->calls()[1], std::make_pair(8, false));
   }
 }
@@ -179,17 +154,17 @@ TEST_F(VideoGenerationTest, ClipEndsWhereThePreviewStopsFeedingItOrIsCancelledWh
   EXPECT_TRUE(set) << "ends at the last frame it got";
   ASSERT_TRUE(reported());
   EXPECT_TRUE(mReports->calls()[0].second);
-  EXPECT_EQ(kovane_test::probeClip(mPath).ptsUs.size(), 120u - 49u + 1u);
+  EXPECT_EQ(kovane_test::probeClip(mFile.path).ptsUs.size(), 120u - 49u + 1u);
 
   // While recording no clip can open: cancelled at once, reported not saved.
   kovane_test::StderrCapture quiet;
   KoSequenceData other{};
   other.mJobId = 9;
-  other.mVideoFd = mFd;
+  other.mVideoFd = mFile.fd;
   other.mCapturedTsUs = ts(120);
   mGen.KoSetVideoStartPoint(&other, mEnc.get(), &mMotion);
   EXPECT_TRUE(other.mVideoCancelled);
-  ASSERT_TRUE(kovane_test::waitUntil([&] { return mReports->calls().size() == 2; }));
+  ASSERT_TRUE(reported(2));
   EXPECT_EQ(mReports->calls()[1], std::make_pair(9, false));
   mEnc->stopRecording();
 
@@ -197,7 +172,7 @@ TEST_F(VideoGenerationTest, ClipEndsWhereThePreviewStopsFeedingItOrIsCancelledWh
   // after a while.
   KoSequenceData stalled{};
   stalled.mJobId = 10;
-  stalled.mVideoFd = mFd;
+  stalled.mVideoFd = mFile.fd;
   run(121, 160);
   stalled.mCapturedTsUs = ts(155);
   mGen.KoSetVideoStartPoint(&stalled, mEnc.get(), &mMotion);

@@ -26,17 +26,15 @@ namespace {
 // consecutive hand-held frames.
 Nv21 shifted(const Nv21& p, int dx, int dy) {
   Nv21 o = p;
-  for (int y = 0; y < p.h; ++y) {
-    const int sy = std::clamp(y - dy, 0, p.h - 1);
-    for (int x = 0; x < p.w; ++x) o.bytes[static_cast<size_t>(y) * p.w + x] = p.bytes[static_cast<size_t>(sy) * p.w + std::clamp(x - dx, 0, p.w - 1)];
-  }
-  const size_t luma = static_cast<size_t>(p.w) * p.h;
-  for (int y = 0; y < p.h / 2; ++y) {
-    const int sy = std::clamp(y - dy / 2, 0, p.h / 2 - 1);
-    for (int x = 0; x < p.w / 2; ++x) {
-      const int sx = std::clamp(x - dx / 2, 0, p.w / 2 - 1);
-      o.bytes[luma + static_cast<size_t>(y) * p.w + 2 * x] = p.bytes[luma + static_cast<size_t>(sy) * p.w + 2 * sx];
-      o.bytes[luma + static_cast<size_t>(y) * p.w + 2 * x + 1] = p.bytes[luma + static_cast<size_t>(sy) * p.w + 2 * sx + 1];
+  for (int k : {1, 2}) {  // luma samples, then the V,U pairs at half the resolution
+    const size_t base = k == 1 ? 0 : static_cast<size_t>(p.w) * p.h;
+    const int rows = p.h / k, cols = p.w / k;
+    for (int y = 0; y < rows; ++y) {
+      const size_t from = base + static_cast<size_t>(std::clamp(y - dy / k, 0, rows - 1)) * p.w;
+      for (int x = 0; x < cols; ++x) {
+        const int sx = std::clamp(x - dx / k, 0, cols - 1);
+        std::copy_n(&p.bytes[from + k * sx], k, &o.bytes[base + static_cast<size_t>(y) * p.w + k * x]);
+      }
     }
   }
   return o;

@@ -11,7 +11,6 @@
 using android::KoFaceIdBasedData;
 using android::KoFrameData;
 using android::sp;
-using scoring_test::ScoringHistory;
 
 namespace {
 

@@ -2,62 +2,15 @@
 // of row kernels (portable, 128-bit vectors, and the widest the CPU has).
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
 
 #include "DexFrameMetaData.h"
 #include "KoFrameReducer.h"
-#include "TestData.h"
+#include "KocoreTestImages.h"
 
 namespace android {
 namespace {
-
-struct Source {
-  std::vector<uint8_t> luma;  // rows `stride` apart
-  std::vector<uint8_t> vu;
-  int w = 0, h = 0, stride = 0;
-};
-
-// A w x h crop at (x0, 0) of a stored NV21 frame, with `pad` extra bytes per row.
-Source crop(const char* file, int fileW, int fileH, int x0, int w, int h, int pad) {
-  Source s;
-  const std::vector<uint8_t> f = kovane_test::readNv21(file, fileW, fileH);
-  if (f.empty()) return s;
-  s.w = w;
-  s.h = h;
-  s.stride = w + pad;
-  s.luma.assign(static_cast<size_t>(s.stride) * h, 0x5A);
-  s.vu.assign(static_cast<size_t>(s.stride) * h / 2, 0x5A);
-  for (int y = 0; y < h; ++y) memcpy(&s.luma[y * s.stride], &f[y * fileW + x0], w);
-  for (int y = 0; y < h / 2; ++y) {
-    memcpy(&s.vu[y * s.stride], &f[fileW * fileH + y * fileW + x0], w);
-  }
-  return s;
-}
-
-// The reductions made one after the other by the separate reducers (which read luma rows w
-// apart, so they get an unpadded copy) and the 2x2 reduction of the band.
-std::vector<uint8_t> separate(const Source& s, int dw, int dh, int bandTop, std::vector<uint8_t>* small) {
-  std::vector<uint8_t> luma(static_cast<size_t>(s.w) * s.h);
-  for (int y = 0; y < s.h; ++y) memcpy(&luma[y * s.w], &s.luma[y * s.stride], s.w);
-  std::vector<uint8_t> out(static_cast<size_t>(dw) * dh * 3 / 2);
-  uint8_t* a = out.data() + dw * dh;
-  uint8_t* b = a + dw / 2 * (dh / 2);
-  if (s.w == 3 * dw) {
-    DexFrameMetaData::downScaleLuma3x(out.data(), luma.data(), s.w, dw, dh);
-    DexFrameMetaData::decimateChroma3x(a, b, s.vu.data(), s.stride, dw / 2, dh / 2, 1);
-  } else if (s.w == 2 * dw) {
-    DexFrameMetaData::downScaleLuma2x(out.data(), luma.data(), s.w, dw, dh);
-    DexFrameMetaData::decimateChroma2x(a, b, s.vu.data(), s.stride, dw / 2, dh / 2, 1);
-  } else {
-    DexFrameMetaData::downscaleLuma9to4(out.data(), luma.data(), dw, dh, s.w);
-    DexFrameMetaData::downscaleChroma9to4(a, b, s.vu.data(), dw / 2, dh / 2, s.stride);
-  }
-  small->assign(static_cast<size_t>(dw / 2) * 180, 0);
-  DexFrameMetaData::downScaleLuma2x(small->data(), out.data() + bandTop * dw, dw, dw / 2, 180);
-  return out;
-}
 
 TEST(KoFrameReducer, OnePassEqualsTheSeparateReducersWithEveryKernelSet) {
   struct Case {
@@ -76,11 +29,14 @@ TEST(KoFrameReducer, OnePassEqualsTheSeparateReducersWithEveryKernelSet) {
   using R = KoFrameReducer;
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.file) + " " + std::to_string(c.w) + "x" + std::to_string(c.h));
-    const Source s = crop(c.file, c.fileW, c.fileH, c.x0, c.w, c.h, c.pad);
+    const kocore_test::Nv21Crop s = kocore_test::nv21Crop(c.file, c.fileW, c.fileH, c.x0, 0, c.w, c.h, c.pad);
     ASSERT_FALSE(s.luma.empty());
+    // The separate reducers, and the 2x2 reduction of the central band.
     const int bandTop = (c.dh - 360) / 2;
-    std::vector<uint8_t> wantSmall;
-    const std::vector<uint8_t> want = separate(s, c.dw, c.dh, bandTop, &wantSmall);
+    const std::vector<uint8_t> want = kocore_test::separateReduce(s, c.dw, c.dh);
+    ASSERT_FALSE(want.empty());
+    std::vector<uint8_t> wantSmall(static_cast<size_t>(c.dw / 2) * 180);
+    DexFrameMetaData::downScaleLuma2x(wantSmall.data(), want.data() + bandTop * c.dw, c.dw, c.dw / 2, 180);
     for (R::KernelSet set : {R::KERNELS_FASTEST, R::KERNELS_VECTOR, R::KERNELS_PORTABLE}) {
       R::setKernels(set);
       SCOPED_TRACE(R::rowKernels());

@@ -1,5 +1,5 @@
-// The preview encoder's rolling frame buffer and its completion plumbing, on 640x360 planar
-// frames derived from the real cockatoo frames.
+// The preview encoder's rolling frame buffer, its completion plumbing and the clips it writes,
+// on 640x360 planar frames of a real webcam clip.
 #include <gtest/gtest.h>
 #include <utils/RefBase.h>
 #include <utils/StrongPointer.h>
@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,7 +17,6 @@
 #include <unistd.h>
 
 #include "ClipProbe.h"
-#include "DexFrameMetaData.h"
 #include "KoPreviewEncode.h"
 #include "KocoreClipViews.h"
 #include "StderrCapture.h"
@@ -34,42 +32,28 @@ constexpr int kH = 360;
 constexpr size_t kBytes = static_cast<size_t>(kW) * kH * 3 / 2;
 constexpr int64_t kBaseUs = 1000000000;  // an arbitrary monotonic-clock stamp
 
-// The four real 1280x720 NV21 frames as 640x360 planar 4:2:0 frames (Y, U, V planes), reduced
-// with the library's reducers; loaded once.
-const std::vector<std::vector<uint8_t>>& realFrames() {
-  static const std::vector<std::vector<uint8_t>> frames = [] {
-    std::vector<std::vector<uint8_t>> out;
-    for (const char* n : {"cockatoo_f005_1280x720.nv21", "cockatoo_f006_1280x720.nv21",
-                          "cockatoo_f100_1280x720.nv21", "cockatoo_f155_1280x720.nv21"}) {
-      const std::vector<uint8_t> src = kovane_test::readNv21(n, 2 * kW, 2 * kH);
-      if (src.empty()) return out;
-      std::vector<uint8_t> f(kBytes);
-      uint8_t* u = f.data() + kW * kH;
-      DexFrameMetaData::downScaleLuma2x(f.data(), src.data(), 2 * kW, kW, kH);
-      DexFrameMetaData::decimateChroma2x(u, u + kW * kH / 4, src.data() + 4 * kW * kH, 2 * kW,
-                                         kW / 2, kH / 2, 1);
-      out.push_back(f);
-    }
-    return out;
-  }();
-  return frames;
-}
+using kocore_test::ClipReports;
+using kovane_test::TempFile;
 
 class KoPreviewEncodeTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    mFrames = realFrames();
-    ASSERT_EQ(mFrames.size(), 4u);
+  // The real webcam clip a at 640x360, 25 fps.
+  static const kocore_test::PlanarClip& clip() {
+    return kocore_test::planarClip("webcam_face_a_400x300_25fps.mp4", kW, kH, 100);
   }
-  // Frame i of a sequence: a real frame with its index stamped into the first luma bytes, so
-  // that every frame of a sequence is distinguishable.
+  void SetUp() override { ASSERT_EQ(clip().frames.size(), 100u); }
+  // Frame i of a sequence: clip frame i % 100 with i stamped into its first luma bytes, so that
+  // every frame of a sequence is distinguishable.
   std::vector<uint8_t>& frame(int i) {
-    std::vector<uint8_t>& f = mFrames[static_cast<size_t>(i) % mFrames.size()];
-    memcpy(f.data(), &i, sizeof(i));
-    return f;
+    mFrame = clip().frames[static_cast<size_t>(i) % 100];
+    memcpy(mFrame.data(), &i, sizeof(i));
+    return mFrame;
   }
-  void add(KoPreviewEncode& enc, int i, int64_t ts) {
-    enc.addFrame(frame(i).data(), kW, kH, ts);
+  void add(KoPreviewEncode& enc, int i, int64_t ts) { enc.addFrame(frame(i).data(), kW, kH, ts); }
+  // Frames from..to at the clip's own times.
+  static int64_t ts(int i) { return kBaseUs + clip().ptsUs[static_cast<size_t>(i)]; }
+  void feed(KoPreviewEncode& enc, int from, int to) {
+    for (int i = from; i <= to; ++i) add(enc, i, ts(i));
   }
   // Reads back the frame stamped exactly ts and compares it with frame(i).
   void expectFrame(const KoPreviewEncode& enc, int i, int64_t ts) {
@@ -82,7 +66,7 @@ class KoPreviewEncodeTest : public ::testing::Test {
     EXPECT_EQ(h, kH);
     EXPECT_TRUE(out == frame(i)) << "frame " << i;
   }
-  std::vector<std::vector<uint8_t>> mFrames;
+  std::vector<uint8_t> mFrame;
 };
 
 TEST_F(KoPreviewEncodeTest, KeepsArrivalOrderAndCopiesByStamp) {
@@ -227,32 +211,9 @@ TEST_F(KoPreviewEncodeTest, BadInputIgnoredAndLogged) {
   EXPECT_EQ(enc.frameCount(), 1u);
 }
 
-// A small owner of the shape the engine's foreground handler has.
-class TestOwner : public RefBase {
- public:
-  static void encodeCompleteCb(sp<TestOwner>& owner, int jobId, bool saved) {
-    std::lock_guard<std::mutex> lock(owner->mLock);
-    owner->mCalls.push_back({jobId, saved});
-    owner->mThread = std::this_thread::get_id();
-  }
-  std::vector<std::pair<int, bool>> calls() {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mCalls;
-  }
-  std::thread::id thread() {
-    std::lock_guard<std::mutex> lock(mLock);
-    return mThread;
-  }
-
- private:
-  std::mutex mLock;
-  std::vector<std::pair<int, bool>> mCalls;
-  std::thread::id mThread;
-};
-
 TEST(KoPreviewEncodeComplete, ReachesBoundOwnerFromEncodingThreadAndIsSafeWithoutOne) {
-  sp<TestOwner> owner = new TestOwner();
-  auto enc = std::make_unique<KoPreviewEncode>(owner, TestOwner::encodeCompleteCb, true, false);
+  sp<ClipReports> owner = new ClipReports();
+  auto enc = std::make_unique<KoPreviewEncode>(owner, ClipReports::cb, true, false);
   EXPECT_EQ(owner->getStrongCount(), 2);  // the encoder holds its owner
   std::thread::id encoder;
   std::thread t([&] {
@@ -272,10 +233,10 @@ TEST(KoPreviewEncodeComplete, ReachesBoundOwnerFromEncodingThreadAndIsSafeWithou
   kovane_test::StderrCapture quiet;
   KoPreviewEncode plain(true, true);
   plain.notifyEncodeComplete(3, true);
-  sp<TestOwner> none;
-  KoPreviewEncode nullOwner(none, TestOwner::encodeCompleteCb, true, true);
+  sp<ClipReports> none;
+  KoPreviewEncode nullOwner(none, ClipReports::cb, true, true);
   nullOwner.notifyEncodeComplete(4, false);
-  KoPreviewEncode nullCb(owner, static_cast<void (*)(sp<TestOwner>&, int, bool)>(nullptr), true,
+  KoPreviewEncode nullCb(owner, static_cast<void (*)(sp<ClipReports>&, int, bool)>(nullptr), true,
                          true);
   nullCb.notifyEncodeComplete(5, true);
   quiet.finish();
@@ -308,7 +269,10 @@ TEST_F(KoPreviewEncodeTest, ConcurrentAddAndFlush) {
   });
   for (int k = 0; k < 50; ++k) {
     const int target = added.load() + 5;
-    ASSERT_TRUE(kovane_test::waitUntil([&] { return added.load() >= target; }));
+    if (!kovane_test::waitUntil([&] { return added.load() >= target; })) {
+      ADD_FAILURE() << "the foreground thread stalled";  // not ASSERT: the threads must be joined
+      break;
+    }
     if (k % 10 == 9) {
       enc.startRecording();
       enc.stopRecording();
@@ -324,32 +288,9 @@ TEST_F(KoPreviewEncodeTest, ConcurrentAddAndFlush) {
   EXPECT_EQ(enc.frameCount(), 0u);
 }
 
-
-// ---- Clips --------------------------------------------------------------------------------
-
-using kovane_test::TempFile;
-
-class KoPreviewEncodeClipTest : public ::testing::Test {
- protected:
-  // The real webcam clip a at 640x360, 25 fps.
-  const kocore_test::PlanarClip& clip() const {
-    return kocore_test::planarClip("webcam_face_a_400x300_25fps.mp4", kW, kH, 100);
-  }
-  void SetUp() override { ASSERT_EQ(clip().frames.size(), 100u); }
-  const std::vector<uint8_t>& frame(int i) const { return clip().frames[static_cast<size_t>(i)]; }
-  int64_t ts(int i) const { return kBaseUs + clip().ptsUs[static_cast<size_t>(i)]; }
-  void add(KoPreviewEncode& enc, int from, int to) {
-    for (int i = from; i <= to; ++i) enc.addFrame(const_cast<uint8_t*>(frame(i).data()), kW, kH, ts(i));
-  }
-  // Waits for `n` completion reports in all.
-  bool reported(const sp<TestOwner>& owner, size_t n) {
-    return kovane_test::waitUntil([&] { return owner->calls().size() >= n; }, 30000);
-  }
-};
-
-TEST_F(KoPreviewEncodeClipTest, ClipsDecodeToTheFramesFedWithTheirStampsAndGaps) {
-  sp<TestOwner> owner = new TestOwner();
-  KoPreviewEncode enc(owner, TestOwner::encodeCompleteCb, true, true);
+TEST_F(KoPreviewEncodeTest, ClipsDecodeToTheFramesFedWithTheirStampsAndGaps) {
+  sp<ClipReports> owner = new ClipReports();
+  KoPreviewEncode enc(owner, ClipReports::cb, true, true);
   TempFile file;
   int pipeFds[2];
   ASSERT_EQ(pipe(pipeFds), 0);
@@ -362,20 +303,20 @@ TEST_F(KoPreviewEncodeClipTest, ClipsDecodeToTheFramesFedWithTheirStampsAndGaps)
 
   // Clip 1 (file) from frame 10 to 80, opened once frame 60 is buffered; frames 40-44 never
   // reach the encoder (shed by a late engine). Clip 2 (pipe) from 30 to 70, open at the same time.
-  add(enc, 0, 39);
-  add(enc, 45, 60);
+  feed(enc, 0, 39);
+  feed(enc, 45, 60);
   ASSERT_EQ(enc.startClip(1, file.fd, ts(10)), OK);
   ASSERT_EQ(enc.startClip(2, pipeFds[1], ts(30) - 1), OK);
   EXPECT_EQ(enc.startClip(1, file.fd, ts(10)), INVALID_OPERATION);  // one clip per job
-  add(enc, 61, 72);
+  feed(enc, 61, 72);
   ASSERT_EQ(enc.endClip(2, ts(70)), OK);
-  add(enc, 73, 85);
+  feed(enc, 73, 85);
   int64_t first = 0, newest = 0;
   ASSERT_TRUE(enc.clipSpan(1, first, newest));
   EXPECT_EQ(first, ts(10));
   EXPECT_EQ(newest, ts(85));
   ASSERT_EQ(enc.endClip(1, ts(80)), OK);
-  ASSERT_TRUE(reported(owner, 2));
+  ASSERT_TRUE(owner->reported(2));
   close(pipeFds[1]);
   reader.join();
   close(pipeFds[0]);
@@ -386,12 +327,9 @@ TEST_F(KoPreviewEncodeClipTest, ClipsDecodeToTheFramesFedWithTheirStampsAndGaps)
   {
     SCOPED_TRACE("file clip");
     const kovane_test::ProbedClip clip = kovane_test::probeClip(file.path);
-    ASSERT_TRUE(clip.ok) << clip.error;
-    EXPECT_NE(clip.format.find("mp4"), std::string::npos);
-    EXPECT_EQ(clip.streams, 1);
-    EXPECT_EQ(clip.codec, "h264");
-    EXPECT_EQ(clip.width, kW);
-    EXPECT_EQ(clip.height, kH);
+    ASSERT_TRUE(clip.ok) << clip.error;  // the container itself: KoClipWriterTest
+    ASSERT_EQ(clip.width, kW);
+    ASSERT_EQ(clip.height, kH);
     std::vector<int> fed;
     for (int i = 10; i <= 80; ++i) {
       if (i < 40 || i > 44) fed.push_back(i);
@@ -403,11 +341,6 @@ TEST_F(KoPreviewEncodeClipTest, ClipsDecodeToTheFramesFedWithTheirStampsAndGaps)
       worst = std::min(worst, kovane_test::planePsnr(clip.frames[k].data(), frame(fed[k]).data(), kW, kH));
     }
     EXPECT_GE(worst, 35.0);
-    EXPECT_GT(clip.durationUs(), 1000000);
-    EXPECT_LT(clip.durationUs(), 3500000);
-    struct stat st;
-    ASSERT_EQ(fstat(file.fd, &st), 0);
-    EXPECT_LT(st.st_size, 2 * 1024 * 1024);
   }
   {
     SCOPED_TRACE("piped clip");
@@ -422,14 +355,14 @@ TEST_F(KoPreviewEncodeClipTest, ClipsDecodeToTheFramesFedWithTheirStampsAndGaps)
   EXPECT_NE(fcntl(file.fd, F_GETFD), -1);
 }
 
-TEST_F(KoPreviewEncodeClipTest, FailuresAreReportedNotSavedOnceAndTheNextClipWorks) {
-  sp<TestOwner> owner = new TestOwner();
+TEST_F(KoPreviewEncodeTest, FailuresAreReportedNotSavedOnceAndTheNextClipWorks) {
+  sp<ClipReports> owner = new ClipReports();
   kovane_test::StderrCapture quiet;
-  auto enc = std::make_unique<KoPreviewEncode>(owner, TestOwner::encodeCompleteCb, true, true);
-  add(*enc, 0, 20);
+  auto enc = std::make_unique<KoPreviewEncode>(owner, ClipReports::cb, true, true);
+  feed(*enc, 0, 20);
   size_t reports = 0;
   auto expectReport = [&](int job, bool saved) {
-    ASSERT_TRUE(reported(owner, ++reports)) << "job " << job;
+    ASSERT_TRUE(owner->reported(++reports)) << "job " << job;
     EXPECT_EQ(owner->calls().back(), std::make_pair(job, saved));
   };
 
@@ -438,11 +371,11 @@ TEST_F(KoPreviewEncodeClipTest, FailuresAreReportedNotSavedOnceAndTheNextClipWor
   enc->startRecording();
   EXPECT_EQ(enc->startClip(1, 1, ts(0)), INVALID_OPERATION);
   enc->stopRecording();
-  KoPreviewEncode off(owner, TestOwner::encodeCompleteCb, false, true);
+  KoPreviewEncode off(owner, ClipReports::cb, false, true);
   EXPECT_EQ(off.startClip(1, 1, ts(0)), INVALID_OPERATION);
   EXPECT_EQ(enc->endClip(99, ts(5)), NAME_NOT_FOUND);
   EXPECT_EQ(enc->cancelClip(99), NAME_NOT_FOUND);
-  add(*enc, 21, 30);
+  feed(*enc, 21, 30);
 
   // A full disk.
   const int full = open("/dev/full", O_WRONLY);
@@ -467,9 +400,7 @@ TEST_F(KoPreviewEncodeClipTest, FailuresAreReportedNotSavedOnceAndTheNextClipWor
   ASSERT_EQ(enc->startClip(12, file.fd, ts(0)), OK);
   enc->endClip(12, ts(30));
   expectReport(12, false);
-  struct stat st;
-  ASSERT_EQ(fstat(file.fd, &st), 0);
-  EXPECT_EQ(st.st_size, 0);
+  EXPECT_TRUE(file.bytes().empty());
   enc->setClipBitrate(0);
   TempFile good;
   ASSERT_EQ(enc->startClip(13, good.fd, ts(5)), OK);
@@ -481,7 +412,7 @@ TEST_F(KoPreviewEncodeClipTest, FailuresAreReportedNotSavedOnceAndTheNextClipWor
   // Cancelled while frames are being encoded; a clip that never got a frame.
   TempFile other;
   ASSERT_EQ(enc->startClip(14, other.fd, ts(0)), OK);
-  add(*enc, 31, 40);
+  feed(*enc, 31, 40);
   ASSERT_EQ(enc->cancelClip(14), OK);
   expectReport(14, false);
   ASSERT_EQ(enc->startClip(15, other.fd, ts(99)), OK);
@@ -491,7 +422,7 @@ TEST_F(KoPreviewEncodeClipTest, FailuresAreReportedNotSavedOnceAndTheNextClipWor
 
   // Deleted with a clip open and frames waiting: no report afterwards, the descriptor intact.
   ASSERT_EQ(enc->startClip(16, other.fd, ts(0)), OK);
-  add(*enc, 41, 60);
+  feed(*enc, 41, 60);
   enc.reset();
   EXPECT_EQ(owner->calls().size(), reports);
   EXPECT_NE(fcntl(other.fd, F_GETFD), -1);

@@ -46,6 +46,60 @@ inline Plane analysisView(const std::string& name) {
   return reducedLuma(name, 1280, 720, 2);
 }
 
+// A w x h crop at (x0, y0) of a stored NV21 frame, luma and V,U rows `stride` = w + pad apart
+// (the padding 0x5A); empty when the frame is missing.
+struct Nv21Crop {
+  std::vector<uint8_t> luma, vu;
+  int w = 0, h = 0, stride = 0;
+  Plane lumaPlane() const {  // only for pad 0
+    Plane p;
+    p.w = w, p.h = h, p.px = luma;
+    return p;
+  }
+};
+inline Nv21Crop nv21Crop(const std::string& file, int fileW, int fileH, int x0, int y0, int w, int h,
+                         int pad = 0) {
+  Nv21Crop s;
+  const std::vector<uint8_t> f = kovane_test::readNv21(file, fileW, fileH);
+  if (f.empty()) return s;
+  s.w = w, s.h = h, s.stride = w + pad;
+  s.luma.assign(static_cast<size_t>(s.stride) * h, 0x5A);
+  s.vu.assign(static_cast<size_t>(s.stride) * (h / 2), 0x5A);
+  for (int y = 0; y < h; ++y) {
+    std::copy_n(&f[static_cast<size_t>(y0 + y) * fileW + x0], w, &s.luma[static_cast<size_t>(y) * s.stride]);
+  }
+  const uint8_t* vu = &f[static_cast<size_t>(fileW) * fileH];
+  for (int y = 0; y < h / 2; ++y) {
+    std::copy_n(vu + static_cast<size_t>(y0 / 2 + y) * fileW + x0, w, &s.vu[static_cast<size_t>(y) * s.stride]);
+  }
+  return s;
+}
+
+// The crop reduced to dw x dh by the separate fixed-ratio reducers (3x, 2x or 9:4, by the width
+// ratio; the luma reducers get an unpadded copy) as packed planar 4:2:0: luma, the plane of the
+// U samples, the plane of the V samples. Empty on a reducer error.
+inline std::vector<uint8_t> separateReduce(const Nv21Crop& s, int dw, int dh) {
+  using android::DexFrameMetaData;
+  std::vector<uint8_t> luma(static_cast<size_t>(s.w) * s.h);
+  for (int y = 0; y < s.h; ++y) std::copy_n(&s.luma[static_cast<size_t>(y) * s.stride], s.w, &luma[static_cast<size_t>(y) * s.w]);
+  std::vector<uint8_t> out(static_cast<size_t>(dw) * dh * 3 / 2);
+  uint8_t* u = out.data() + dw * dh;
+  uint8_t* v = u + dw / 2 * (dh / 2);
+  int err;
+  if (s.w == 3 * dw) {
+    err = DexFrameMetaData::downScaleLuma3x(out.data(), luma.data(), s.w, dw, dh) |
+          DexFrameMetaData::decimateChroma3x(u, v, s.vu.data(), s.stride, dw / 2, dh / 2, 1);
+  } else if (s.w == 2 * dw) {
+    err = DexFrameMetaData::downScaleLuma2x(out.data(), luma.data(), s.w, dw, dh) |
+          DexFrameMetaData::decimateChroma2x(u, v, s.vu.data(), s.stride, dw / 2, dh / 2, 1);
+  } else {
+    err = DexFrameMetaData::downscaleLuma9to4(out.data(), luma.data(), dw, dh, s.w) |
+          DexFrameMetaData::downscaleChroma9to4(u, v, s.vu.data(), dw / 2, dh / 2, s.stride);
+  }
+  if (err != 0) out.clear();
+  return out;
+}
+
 inline Plane half(const Plane& p) {
   Plane o;
   o.w = p.w / 2;
@@ -73,33 +127,28 @@ inline Plane crop(const Plane& p, int x0, int y0, int w, int h) {
   return o;
 }
 
-// Separable convolution with a 1-D kernel, borders replicated; horizontal only if !vertical.
-inline Plane convolve(const Plane& p, const std::vector<double>& k, bool horizontal,
-                      bool vertical) {
+// Separable convolution with a 1-D kernel, borders replicated: along rows, and along columns
+// too if `vertical`; rounded once at the end.
+inline Plane convolve(const Plane& p, const std::vector<double>& k, bool vertical) {
   const int r = static_cast<int>(k.size() / 2);
-  std::vector<double> tmp(p.px.begin(), p.px.end());
-  if (horizontal) {
+  std::vector<double> a(p.px.begin(), p.px.end()), b(a.size());
+  auto pass = [&](int dx, int dy) {
     for (int y = 0; y < p.h; ++y) {
       for (int x = 0; x < p.w; ++x) {
-        double a = 0;
-        for (int i = -r; i <= r; ++i) a += k[i + r] * p.at(std::clamp(x + i, 0, p.w - 1), y);
-        tmp[static_cast<size_t>(y) * p.w + x] = a;
-      }
-    }
-  }
-  Plane o = p;
-  for (int y = 0; y < p.h; ++y) {
-    for (int x = 0; x < p.w; ++x) {
-      double a = tmp[static_cast<size_t>(y) * p.w + x];
-      if (vertical) {
-        a = 0;
+        double s = 0;
         for (int i = -r; i <= r; ++i) {
-          a += k[i + r] * tmp[static_cast<size_t>(std::clamp(y + i, 0, p.h - 1)) * p.w + x];
+          s += k[i + r] * a[static_cast<size_t>(std::clamp(y + i * dy, 0, p.h - 1)) * p.w +
+                            std::clamp(x + i * dx, 0, p.w - 1)];
         }
+        b[static_cast<size_t>(y) * p.w + x] = s;
       }
-      o.px[static_cast<size_t>(y) * p.w + x] = static_cast<uint8_t>(std::lround(a));
     }
-  }
+    a.swap(b);
+  };
+  pass(1, 0);
+  if (vertical) pass(0, 1);
+  Plane o = p;
+  for (size_t i = 0; i < a.size(); ++i) o.px[i] = static_cast<uint8_t>(std::lround(a[i]));
   return o;
 }
 
@@ -110,12 +159,12 @@ inline Plane gaussianBlur(const Plane& p, double sigma) {
   double t = 0;
   for (int i = -r; i <= r; ++i) t += k[i + r] = std::exp(-i * i / (2 * sigma * sigma));
   for (double& v : k) v /= t;
-  return convolve(p, k, true, true);
+  return convolve(p, k, true);
 }
 
 // Linear motion blur of `length` pixels along x (length odd).
 inline Plane motionBlur(const Plane& p, int length) {
-  return convolve(p, std::vector<double>(length, 1.0 / length), true, false);
+  return convolve(p, std::vector<double>(length, 1.0 / length), false);
 }
 
 inline Plane contrast(const Plane& p, double gain, double offset) {

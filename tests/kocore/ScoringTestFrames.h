@@ -155,7 +155,6 @@ class ScoringHistory {
   }
 
   sp<android::KoFrameData> frame(size_t i) { return mHist.mHistory[i]->mFrameData; }
-  size_t size() const { return mHist.mHistory.size(); }
   android::KoFrameHist& hist() { return mHist; }
 
  private:
