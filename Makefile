@@ -5,7 +5,7 @@ CMAKE_FLAGS ?=
 
 EVAL_CLIPS ?=
 
-.PHONY: all deps testdata build test test-asan test-tsan soak fuzz coverage bench demo eval clean
+.PHONY: all deps testdata build test test-asan test-tsan test-armhf soak fuzz coverage bench demo eval clean
 
 all: build
 
@@ -35,6 +35,11 @@ test-tsan: deps testdata
 	cmake -S . -B build-tsan -DKOVANE_SANITIZE=thread -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS)
 	cmake --build build-tsan -j $(JOBS)
 	cd build-tsan && ctest --output-on-failure -j $(JOBS)
+
+# The 32-bit ARM build (NEON, hard float) and the whole suite under qemu (build-armhf/: the
+# sysroot of Debian's armhf packages, made once, and the build).
+test-armhf: deps testdata
+	JOBS=$(JOBS) CMAKE_FLAGS="$(CMAKE_FLAGS)" ./scripts/cross-armhf.sh
 
 # The replay tool on a real clip: build/demo/report.html and a summary table.
 demo: deps build/Makefile testdata
@@ -76,4 +81,4 @@ bench: build
 	for b in build/bench/bench_*; do $$b; done
 
 clean:
-	rm -rf build build-asan build-tsan build-fuzz build-cov
+	rm -rf build build-asan build-tsan build-fuzz build-cov build-armhf

@@ -1,8 +1,8 @@
 #pragma once
 // Records and callback types that cross the public interface of KoEngine. The camera stack
 // fills them and passes pointers; the engine copies what must outlive a call. All records are
-// plain structures with natural alignment; sizes that involve no pointer are checked below so
-// that the 32-bit device and a 64-bit host agree on them.
+// plain structures with natural alignment; their sizes and offsets are checked below, for the
+// 32-bit device and for a 64-bit host.
 #include <cstddef>
 #include <cstdint>
 
@@ -13,11 +13,16 @@ enum { KO_COLOR_FORMAT_NV21 = 2 };
 // Stream types: 1 preview (face coordinates refer to it), 3 video.
 enum { KO_STREAM_TYPE_PREVIEW = 1, KO_STREAM_TYPE_VIDEO = 3 };
 
+// Records that hold pointers are laid out differently on the 32-bit device and on a 64-bit
+// host; their layout checks give both: KO_layout(a, b) is a on a 32-bit target, b on a 64-bit one.
+constexpr size_t KO_layout(size_t ilp32, size_t lp64) { return sizeof(void*) == 4 ? ilp32 : lp64; }
+
 // Seconds and nanoseconds of an EXIF time stamp; 8 bytes on every target.
 struct KO_timespec_t {
   int32_t sec;
   int32_t nsec;
 };
+static_assert(sizeof(KO_timespec_t) == 8, "EXIF time stamp is two words");
 
 // Engine-wide configuration, given to the constructor and to configEngine.
 struct KO_KoEngineConfig_t {
@@ -25,12 +30,14 @@ struct KO_KoEngineConfig_t {
   bool videoEnable;     // video clip around a capture allowed
   bool auxEnable;       // when false, feature bit 0x2 is cleared
 };
+static_assert(sizeof(KO_KoEngineConfig_t) == 3, "configuration is three flags");
 
 // Camera position; the foreground handler tests for the front camera (1).
 enum KO_cam_position_t : int32_t {
   KO_CAM_POSITION_BACK = 0,
   KO_CAM_POSITION_FRONT = 1,
 };
+static_assert(sizeof(KO_cam_position_t) == 4, "camera position is one word");
 
 struct KO_TakePicture_t {
   int32_t jobId;        // caller's capture job id, the key of every later callback
@@ -46,11 +53,24 @@ struct KO_TakePicture_t {
   bool hdrMode;
   KO_timespec_t exifTs;
 };
+static_assert(sizeof(KO_TakePicture_t) == KO_layout(48, 56), "take-picture record size");
+static_assert(offsetof(KO_TakePicture_t, timeStamp) == 8, "take-picture layout");
+static_assert(offsetof(KO_TakePicture_t, orientation) == 16, "take-picture layout");
+static_assert(offsetof(KO_TakePicture_t, videoFd) == 20, "take-picture layout");
+static_assert(offsetof(KO_TakePicture_t, metadataFd) == 24, "take-picture layout");
+static_assert(offsetof(KO_TakePicture_t, config) == KO_layout(28, 32), "take-picture layout");
+static_assert(offsetof(KO_TakePicture_t, configSize) == KO_layout(32, 40), "take-picture layout");
+static_assert(offsetof(KO_TakePicture_t, bestShotEnable) == KO_layout(36, 44), "take-picture layout");
+static_assert(offsetof(KO_TakePicture_t, videoEnable) == KO_layout(37, 45), "take-picture layout");
+static_assert(offsetof(KO_TakePicture_t, hdrMode) == KO_layout(38, 46), "take-picture layout");
+static_assert(offsetof(KO_TakePicture_t, exifTs) == KO_layout(40, 48), "take-picture layout");
 
 struct KO_ZslFrameData_t {
   void* buffer;  // the camera's ZSL buffer handle; handed back through the frame-done callback
   uint32_t frameId;
 };
+static_assert(sizeof(KO_ZslFrameData_t) == KO_layout(8, 16), "ZSL record is copied whole");
+static_assert(offsetof(KO_ZslFrameData_t, frameId) == KO_layout(4, 8), "ZSL record layout");
 
 // Five camera values that come with each metadata frame.
 struct Ko_CameraMetaData_t {
@@ -68,6 +88,10 @@ struct KO_MetaFrameData_t {
   uint32_t size;  // length of data
   Ko_CameraMetaData_t camMeta;
 };
+static_assert(sizeof(KO_MetaFrameData_t) == KO_layout(32, 40), "metadata record size");
+static_assert(offsetof(KO_MetaFrameData_t, data) == KO_layout(4, 8), "metadata record layout");
+static_assert(offsetof(KO_MetaFrameData_t, size) == KO_layout(8, 16), "metadata record layout");
+static_assert(offsetof(KO_MetaFrameData_t, camMeta) == KO_layout(12, 20), "metadata record layout");
 
 // Layout of one plane of a camera frame buffer.
 struct KO_cam_plane_t {
@@ -109,6 +133,19 @@ struct KO_PreviewFrameData_t {
   int16_t cafState;
   KO_dex_af_metadata_t* afMetadata;  // may be null
 };
+// Copied whole into the preview message.
+static_assert(sizeof(KO_PreviewFrameData_t) == KO_layout(56, 72), "preview record size");
+static_assert(offsetof(KO_PreviewFrameData_t, frameId) == 8, "preview record layout");
+static_assert(offsetof(KO_PreviewFrameData_t, streamType) == 12, "preview record layout");
+static_assert(offsetof(KO_PreviewFrameData_t, width) == 16, "preview record layout");
+static_assert(offsetof(KO_PreviewFrameData_t, height) == 20, "preview record layout");
+static_assert(offsetof(KO_PreviewFrameData_t, data) == 24, "preview record layout");
+static_assert(offsetof(KO_PreviewFrameData_t, colorFormat) == KO_layout(28, 32), "preview record layout");
+static_assert(offsetof(KO_PreviewFrameData_t, planes) == KO_layout(32, 40), "preview record layout");
+static_assert(offsetof(KO_PreviewFrameData_t, zoom) == KO_layout(36, 48), "preview record layout");
+static_assert(offsetof(KO_PreviewFrameData_t, orientation) == KO_layout(40, 52), "preview record layout");
+static_assert(offsetof(KO_PreviewFrameData_t, cafState) == KO_layout(44, 56), "preview record layout");
+static_assert(offsetof(KO_PreviewFrameData_t, afMetadata) == KO_layout(48, 64), "preview record layout");
 
 // One detected face. Coordinates refer to the preview stream's full size.
 struct KO_cam_face_t {
@@ -187,6 +224,7 @@ struct KO_getParams_t {
   int32_t param1;
   int32_t param2;
 };
+static_assert(sizeof(KO_getParams_t) == 8, "parameters are two words");
 
 // Handed to the best-shot-done callback for the duration of the call.
 struct KO_bestShotDone_cb_t {
@@ -213,6 +251,24 @@ struct KO_bestShotDone_cb_t {
   uint32_t algBitField;
   int32_t resultCookie;
 };
+static_assert(sizeof(KO_bestShotDone_cb_t) == KO_layout(92, 136), "best-shot result size");
+static_assert(offsetof(KO_bestShotDone_cb_t, zslBuffer) == KO_layout(4, 8), "best-shot result layout");
+static_assert(offsetof(KO_bestShotDone_cb_t, configData) == KO_layout(8, 16), "best-shot result layout");
+static_assert(offsetof(KO_bestShotDone_cb_t, configSize) == KO_layout(12, 24), "best-shot result layout");
+static_assert(offsetof(KO_bestShotDone_cb_t, metaData) == KO_layout(16, 32), "best-shot result layout");
+static_assert(offsetof(KO_bestShotDone_cb_t, metaSize) == KO_layout(20, 40), "best-shot result layout");
+static_assert(offsetof(KO_bestShotDone_cb_t, exifData) == KO_layout(24, 48), "best-shot result layout");
+static_assert(offsetof(KO_bestShotDone_cb_t, exifSize) == KO_layout(28, 56), "best-shot result layout");
+static_assert(offsetof(KO_bestShotDone_cb_t, exifTs) == KO_layout(32, 60), "best-shot result layout");
+static_assert(offsetof(KO_bestShotDone_cb_t, captureOffsetUs) == KO_layout(40, 68), "best-shot result layout");
+static_assert(offsetof(KO_bestShotDone_cb_t, replace) == KO_layout(44, 72), "best-shot result layout");
+static_assert(offsetof(KO_bestShotDone_cb_t, yPlane) == KO_layout(48, 80), "best-shot result layout");
+static_assert(offsetof(KO_bestShotDone_cb_t, uPlane) == KO_layout(52, 88), "best-shot result layout");
+static_assert(offsetof(KO_bestShotDone_cb_t, vPlane) == KO_layout(56, 96), "best-shot result layout");
+static_assert(offsetof(KO_bestShotDone_cb_t, width) == KO_layout(60, 104), "best-shot result layout");
+static_assert(offsetof(KO_bestShotDone_cb_t, chromaHeight) == KO_layout(80, 124), "best-shot result layout");
+static_assert(offsetof(KO_bestShotDone_cb_t, algBitField) == KO_layout(84, 128), "best-shot result layout");
+static_assert(offsetof(KO_bestShotDone_cb_t, resultCookie) == KO_layout(88, 132), "best-shot result layout");
 
 // Handed to the statistics callback at take picture.
 struct KO_statistics_cb_t {
@@ -220,6 +276,9 @@ struct KO_statistics_cb_t {
   uint32_t size;  // its length, header included
   KO_timespec_t exifTs;
 };
+static_assert(sizeof(KO_statistics_cb_t) == KO_layout(16, 24), "statistics record size");
+static_assert(offsetof(KO_statistics_cb_t, size) == KO_layout(4, 8), "statistics record layout");
+static_assert(offsetof(KO_statistics_cb_t, exifTs) == KO_layout(8, 12), "statistics record layout");
 
 // Opaque 32-byte parameter record of the data protection wrappers.
 struct KO_SecureDataParams_t {

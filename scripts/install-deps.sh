@@ -24,6 +24,8 @@ if [ "${1:-}" = "--bench" ]; then PACKAGES+=(libopencv-dev); fi
 if [ "${1:-}" = "--fuzz" ]; then PACKAGES+=(clang); fi
 # `--coverage`: lcov, which gathers gcov's line counts for `make coverage`.
 if [ "${1:-}" = "--coverage" ]; then PACKAGES+=(lcov); fi
+# `--armhf`: the 32-bit ARM cross compilers and qemu, which runs the ARM test programs.
+if [ "${1:-}" = "--armhf" ]; then PACKAGES+=(g++-arm-linux-gnueabihf qemu-user-static file); fi
 
 # The webcam clips come from the npm registry when no prepared test folder has them.
 root="$(cd "$(dirname "$0")/.." && pwd)"

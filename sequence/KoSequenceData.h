@@ -8,6 +8,7 @@
 // points), so the order and widths of the fields are a binary contract with it: do not reorder,
 // insert or resize fields, including those the engine itself only clears.
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 #include <utils/RefBase.h>
@@ -105,5 +106,49 @@ struct KoSequenceData {
   KoFaceIdBasedData* mFaceIdData;   // owned; deleted through its virtual destructor
   Vector<bestShotScores_t> mBestShotScores;
 };
+
+// The analysis library receives the record whole: its layout is fixed, on the 32-bit device
+// (first value) and on a 64-bit host (second). offsetof on a record with non-trivial members
+// is what the compilers we build with define as the plain byte offset.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"
+static_assert(sizeof(KoSequenceData) == KO_layout(488, 600), "KoSequenceData size");
+static_assert(alignof(KoSequenceData) == 8, "KoSequenceData alignment");
+static_assert(sizeof(Vector<int>) == KO_layout(20, 40), "Vector layout the record relies on");
+static_assert(offsetof(KoSequenceData, mVideoEnabled) == 4, "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mFramesToWait) == 6, "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mSnapshot) == 8, "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mJobId) == KO_layout(12, 16), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mCapturedTsUs) == 24, "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mCapturedFrameId) == 32, "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mFirstFrameTsUs) == 40, "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mLastFrameId) == 60, "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mVideoFd) == 64, "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mAuxFlag) == 72, "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mHdrMode) == 73, "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mConfig) == KO_layout(76, 80), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mExifTs) == KO_layout(80, 88), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mBestFeFrameId) == KO_layout(88, 96), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mResultCookie) == KO_layout(96, 104), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mSceneInfo) == KO_layout(100, 108), "KoSequenceData layout");
+// The video block, cleared as one 32-byte run.
+static_assert(offsetof(KoSequenceData, mVideoGenerated) == KO_layout(120, 128), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mVideoMotionScore) == KO_layout(124, 132), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mVideoReserved) == KO_layout(136, 144), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mBestShotInfo) == KO_layout(152, 160), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mBestShotInfo) - offsetof(KoSequenceData, mVideoGenerated) == 32,
+              "the video block is 32 bytes");
+static_assert(offsetof(KoSequenceData, mCamMotionList) == KO_layout(312, 320), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mCamMotionValid) == KO_layout(332, 360), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mFrameLumaStats) == KO_layout(336, 364), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mFrameDiffStats) == KO_layout(356, 384), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mFrameSobelStats) == KO_layout(376, 404), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mLumaStatsList) == KO_layout(396, 424), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mDiffStatsList) == KO_layout(416, 464), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mSobelStatsList) == KO_layout(436, 504), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mVideoSaved) == KO_layout(456, 544), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mFaceIdData) == KO_layout(460, 552), "KoSequenceData layout");
+static_assert(offsetof(KoSequenceData, mBestShotScores) == KO_layout(464, 560), "KoSequenceData layout");
+#pragma GCC diagnostic pop
 
 }  // namespace android

@@ -39,7 +39,7 @@ struct ToolRun {
 
 ToolRun runTool(const std::string& args) {
   ToolRun r;
-  const std::string command = toolPath() + " " + args + " 2>/dev/null";
+  const std::string command = KOVANE_TOOL_LAUNCHER + toolPath() + " " + args + " 2>/dev/null";
   FILE* p = popen(command.c_str(), "r");
   if (p == nullptr) return r;
   char chunk[4096];

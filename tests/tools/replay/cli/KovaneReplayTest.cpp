@@ -43,7 +43,7 @@ std::string tempDir() {
 
 Result runReplay(const std::string& args) {
   const std::string dir = tempDir();
-  const std::string cmd = std::string(KOVANE_REPLAY_BINARY) + " " + args + " >" + dir + "/out 2>" + dir + "/err";
+  const std::string cmd = KOVANE_TOOL_LAUNCHER KOVANE_REPLAY_BINARY " " + args + " >" + dir + "/out 2>" + dir + "/err";
   const int rc = system(cmd.c_str());
   Result r;
   if (WIFEXITED(rc)) r.status = WEXITSTATUS(rc);
