@@ -15,5 +15,6 @@ cmake -S . -B build-armhf/build -DCMAKE_TOOLCHAIN_FILE="$root/scripts/armhf-tool
   -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKOVANE_BENCH=OFF ${CMAKE_FLAGS:-}
 cmake --build build-armhf/build -j "$jobs"
 file -L build-armhf/build/libkovane.so
+readelf -h build-armhf/build/libkovane.so | grep -E 'Class|Machine|Flags'
 cd build-armhf/build
 ctest --output-on-failure -j "$jobs"
