@@ -134,9 +134,8 @@ TEST(DecisionsJson, PlacesEngineScoresByFrameIdWhenTheirClockDiffersAndNullWhere
   EXPECT_EQ(byIndex["engine"]["frame_id"], byIndex["frame"]);
   // Scores that fit no frame are left out.
   for (auto& s : p.engineScores) s.frameId += 500;
-  for (const json& f : ReportWriter::decisionsJson(sampleRun(true), {p})["presses"][0]["timeline"]) {
-    EXPECT_TRUE(f["engine"].is_null());
-  }
+  const json unplaced = ReportWriter::decisionsJson(sampleRun(true), {p});
+  for (const json& f : unplaced["presses"][0]["timeline"]) EXPECT_TRUE(f["engine"].is_null());
 }
 
 TEST(DecisionsJson, ValidationTurnsDownBrokenDocuments) {
