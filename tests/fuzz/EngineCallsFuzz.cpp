@@ -12,24 +12,10 @@
 #include <set>
 #include <vector>
 
+#include <sanitizer/asan_interface.h>  // its poisoning macros do nothing without the sanitizer
+
 #include "FuzzTargets.h"
 #include "KoEngine.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#define KO_FUZZ_ASAN 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define KO_FUZZ_ASAN 1
-#endif
-#endif
-#ifdef KO_FUZZ_ASAN
-#include <sanitizer/asan_interface.h>
-#define KO_FUZZ_POISON(p, n) ASAN_POISON_MEMORY_REGION(p, n)
-#define KO_FUZZ_UNPOISON(p, n) ASAN_UNPOISON_MEMORY_REGION(p, n)
-#else
-#define KO_FUZZ_POISON(p, n) ((void)(p), (void)(n))
-#define KO_FUZZ_UNPOISON(p, n) ((void)(p), (void)(n))
-#endif
 
 namespace kovane_fuzz {
 
@@ -77,10 +63,10 @@ class FrameBlock {
  public:
   uint8_t* place(uint32_t len) {
     uint8_t* block = mBlock.get();
-    KO_FUZZ_UNPOISON(block, kCapacity);
+    ASAN_UNPOISON_MEMORY_REGION(block, kCapacity);
     const size_t start = (kCapacity - len) & ~size_t{7};
-    KO_FUZZ_POISON(block, start);
-    KO_FUZZ_POISON(block + start + len, kCapacity - start - len);
+    ASAN_POISON_MEMORY_REGION(block, start);
+    ASAN_POISON_MEMORY_REGION(block + start + len, kCapacity - start - len);
     return block + start;
   }
 
