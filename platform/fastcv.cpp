@@ -86,17 +86,24 @@ void areaReduce(const uint8_t* src, int sw, int sh, size_t srcStride, uint8_t* d
   const Taps cols = makeTaps(sw, dw);
   const Taps rows = makeTaps(sh, dh);
   const uint64_t denom = static_cast<uint64_t>(sw) * static_cast<uint64_t>(sh);
-  std::vector<uint64_t> acc(dw);
+  // Plain pointers into the tap tables: the innermost loop runs once per source sample, and
+  // checked container indexing there (the sanitizer builds turn it on) cost more than the sums.
+  const int* colFirst = cols.first.data();
+  const int* colCount = cols.count.data();
+  const size_t* colStart = cols.start.data();
+  const uint32_t* colWeight = cols.weight.data();
+  std::vector<uint64_t> accRow(dw);
+  uint64_t* acc = accRow.data();
   for (int y = 0; y < dh; ++y) {
-    std::fill(acc.begin(), acc.end(), 0);
+    std::fill(acc, acc + dw, 0);
     for (int k = 0; k < rows.count[y]; ++k) {
       const uint8_t* s = src + static_cast<size_t>(rows.first[y] + k) * srcStride;
       const uint64_t wy = rows.weight[rows.start[y] + k];
       for (int x = 0; x < dw; ++x) {
-        const uint32_t* w = &cols.weight[cols.start[x]];
-        const uint8_t* p = s + static_cast<size_t>(cols.first[x]) * step;
+        const uint32_t* w = colWeight + colStart[x];
+        const uint8_t* p = s + static_cast<size_t>(colFirst[x]) * step;
         uint64_t sum = 0;
-        for (int i = 0; i < cols.count[x]; ++i) sum += static_cast<uint64_t>(w[i]) * p[i * step];
+        for (int i = 0; i < colCount[x]; ++i) sum += static_cast<uint64_t>(w[i]) * p[i * step];
         acc[x] += wy * sum;
       }
     }

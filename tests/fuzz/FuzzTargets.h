@@ -4,7 +4,10 @@
 // on every build.
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+
+#include <android/log.h>
 
 namespace kovane_fuzz {
 
@@ -14,6 +17,13 @@ int statsReader(const uint8_t* data, size_t size);
 int statsRoundTrip(const uint8_t* data, size_t size);
 // The input as a sequence of calls on an engine, with hostile records.
 int engineCalls(const uint8_t* data, size_t size);
+
+// A libFuzzer program runs the engine a million times; the log lines cost more than the calls
+// they report (and fill the disk), so the program keeps only fatal ones unless KOVANE_FUZZ_LOG is
+// set, to see what an input does. The corpus replay in ctest keeps every line.
+inline void quietLogsUnlessAsked() {
+  if (getenv("KOVANE_FUZZ_LOG") == nullptr) __android_log_set_minimum_priority(ANDROID_LOG_FATAL);
+}
 
 // Reads values off the input; past its end every read gives 0.
 class Bytes {
