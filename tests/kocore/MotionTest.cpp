@@ -1,18 +1,107 @@
-// Block motion on a real picture: camera translation, and a region that moves on its own.
+// Motion: camera-motion classes from synthetic gyroscope traces, block motion on a real picture
+// (camera translation, a region moving on its own), and the clip decision on frames built from
+// real clips (a talking face, a still person, a still photograph under sensor noise, pans).
 #include <gtest/gtest.h>
+#include <utils/Vector.h>
 
 #include <cmath>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "DexCameraMotion.h"
 #include "DexMotionDetection.h"
-#include "KocoreTestImages.h"
+#include "KocoreClips.h"
 
 namespace android {
 namespace {
 
 using kocore_test::Plane;
+constexpr int64_t kFrameUs = 33333;
+
+// Feeds `frames` frames starting at t0 (microseconds); every frame carries one new gyroscope
+// sample gyro(t seconds) and an accelerometer sample, the sensor stamps in nanoseconds.
+template <typename F>
+void feed(DexCameraMotion& cm, int64_t t0, int frames, F gyro) {
+  for (int i = 0; i < frames; ++i) {
+    const int64_t tsUs = t0 + i * kFrameUs;
+    KO_sensorData_t s{};
+    const double t = tsUs / 1e6;
+    float g[3];
+    gyro(t, g);
+    s.gyro = {tsUs * 1000 - 2000000, g[0], g[1], g[2]};
+    s.accel = {tsUs * 1000 - 1000000, 0.1f * std::sin(static_cast<float>(i)), 9.81f, 0.0f};
+    s.enabled[0] = s.enabled[1] = 1;
+    ASSERT_EQ(0, cm.readSensorData(tsUs, static_cast<uint32_t>(i), s));
+    ASSERT_EQ(0, cm.readSensorData(tsUs, static_cast<uint32_t>(i), s));  // repeated block
+  }
+}
+
+KO_camMotionType_t classify(DexCameraMotion& cm, int64_t start, int64_t end) {
+  KO_camMotionType_t r;
+  std::memset(&r, 0x7f, sizeof r);
+  EXPECT_EQ(0, cm.getCamMotionType(start, end, &r));
+  return r;
+}
+
+TEST(CameraMotion, ClassifiesStillPanAndShake) {
+  const int64_t t0 = 5000000;
+  DexCameraMotion still, pan, shake, jitter;
+  feed(still, t0, 60, [](double t, float* g) {
+    g[0] = 0.004f * static_cast<float>(std::sin(31 * t)), g[1] = 0.003f, g[2] = -0.002f;
+  });
+  feed(pan, t0, 60, [](double t, float* g) {  // slow pan about y, 0.2 rad/s, a little wobble
+    g[0] = 0.02f * static_cast<float>(std::sin(20 * t)), g[1] = 0.2f, g[2] = 0.0f;
+  });
+  feed(shake, t0, 60, [](double t, float* g) {  // 5 Hz shake, 2 rad/s
+    g[0] = 2.0f * static_cast<float>(std::sin(2 * M_PI * 5 * t + 0.3));
+    g[1] = 1.0f * static_cast<float>(std::cos(2 * M_PI * 5 * t)), g[2] = 0.0f;
+  });
+  feed(jitter, t0, 60, [](double t, float* g) {  // hand tremor, 0.15 rad/s at 7 Hz
+    g[0] = 0.15f * static_cast<float>(std::sin(2 * M_PI * 7 * t));
+    g[1] = 0.1f * static_cast<float>(std::cos(2 * M_PI * 7 * t)), g[2] = 0.0f;
+  });
+  const int64_t end = t0 + 59 * kFrameUs;
+  const KO_camMotionType_t s = classify(still, t0, end);
+  EXPECT_EQ(DexCameraMotion::MODE_STEADY, s.mode);
+  EXPECT_EQ(59, s.numSamples);  // sensor stamps lead the frames by 2 ms: the first is outside
+  EXPECT_LT(s.gyroMax, 0.01f);
+  EXPECT_GT(s.accelVariance, 0.0f);
+  const KO_camMotionType_t p = classify(pan, t0, end);
+  EXPECT_EQ(DexCameraMotion::MODE_PANNING, p.mode);
+  EXPECT_NEAR(0.2f, p.gyroMean, 0.02f);
+  EXPECT_EQ(DexCameraMotion::MODE_SHAKING, classify(shake, t0, end).mode);
+  EXPECT_GE(classify(shake, t0, end).gyroMax, 1.5f);
+  EXPECT_EQ(DexCameraMotion::MODE_JITTER, classify(jitter, t0, end).mode);
+  // The per-frame query (start == end) looks at the last 100 ms.
+  const KO_camMotionType_t f = classify(pan, end, end);
+  EXPECT_EQ(DexCameraMotion::MODE_PANNING, f.mode);
+  EXPECT_GE(f.numSamples, 3);
+  EXPECT_LE(f.numSamples, 4);
+  // An interval after all samples falls back to the newest one.
+  const KO_camMotionType_t late = classify(shake, end + 10000000, end + 10000000);
+  EXPECT_EQ(1, late.numSamples);
+}
+
+TEST(CameraMotion, NoDataAndBadArguments) {
+  DexCameraMotion cm;
+  const KO_camMotionType_t r = classify(cm, 0, 1000);
+  EXPECT_EQ(DexCameraMotion::MODE_UNKNOWN, r.mode);
+  EXPECT_EQ(0, r.numSamples);
+  EXPECT_EQ(0.0f, r.gyroMax);
+  // Disabled sensors and empty samples are not taken.
+  KO_sensorData_t s{};
+  s.gyro = {1000000, 1.0f, 0.0f, 0.0f};
+  ASSERT_EQ(0, cm.readSensorData(1000, 1, s));
+  EXPECT_EQ(DexCameraMotion::MODE_UNKNOWN, classify(cm, 0, 1000).mode);
+  EXPECT_EQ(-1, cm.getCamMotionType(0, 1000, nullptr));
+  KO_camMotionType_t untouched{};
+  untouched.mode = 9;
+  EXPECT_EQ(-1, cm.getCamMotionType(2000, 1000, &untouched));
+  EXPECT_EQ(9, untouched.mode);
+}
+
 using Result = DexMotionDetection::motionResult_t;
 
 // The group photo at 960x540 gives room to translate a 640x360 view.
@@ -194,6 +283,105 @@ TEST(BlockMotion, NoReferenceAndBadArguments) {
   EXPECT_EQ(-1, md.processMEPerFrame(cur.data(), nullptr, nullptr, nullptr, nullptr, 320, &r));
   EXPECT_EQ(-1, md.processMEPerFrame(cur.data(), nullptr, nullptr, nullptr, nullptr, 640, nullptr));
   EXPECT_EQ(0, std::memcmp(&before, &r, sizeof r));
+}
+
+// Analysis views (the central 640x360 band of a 640x480 preview, as the engine cuts it).
+std::vector<Plane> clipViews(const std::string& name, int first, int last) {
+  return kocore_test::clipViews(name, 640, 480, first, last);
+}
+
+// Frames 40 ms apart with the foreground's per-frame work done on their views: statistics
+// against the previous frame, and motion estimation on every other frame (80 ms apart, as the
+// engine's 66 ms spacing gives at 25 frames a second); optionally the first `panningFrames`
+// classed as panning by their own camera-motion estimate, the others as steady.
+struct Clip : kocore_test::ViewHistory {
+  explicit Clip(const std::vector<Plane>& views, int panningFrames = 0)
+      : ViewHistory(views, 40000, [&, motion = std::make_shared<DexMotionDetection>(640, 360)](size_t i, KoFrameData& f) {
+          if (i % 2 == 0) {
+            motion->processMEPerFrame(views[i].data(), nullptr, nullptr, nullptr, nullptr, 640, f.mMotionResult);
+            motion->copyNewRefFrame(views[i].data(), 640, 360, 640);
+            f.setProcessedEvents(KoFrameData::EVENT_MOTION);
+          }
+          if (panningFrames > 0) {
+            f.mCamMotion[3] = static_cast<uint32_t>(static_cast<int>(i) < panningFrames ? DexCameraMotion::MODE_PANNING
+                                                                                          : DexCameraMotion::MODE_STEADY);
+            f.setProcessedEvents(KoFrameData::EVENT_CAM_MOTION);
+          }
+        }) {}
+
+  float decide(int captured, int mode = DexCameraMotion::MODE_STEADY, float gyroMean = 0.01f) {
+    Vector<KO_camMotionType_t> cam;
+    KO_camMotionType_t t{};
+    t.numSamples = 20;
+    t.mode = mode;
+    t.gyroMean = gyroMean;
+    t.gyroMax = 2 * gyroMean;
+    cam.push(t);
+    DexMotionDetection md(640, 360);
+    return md.KoMotionDecision(snapshot, cam, size(), captured);
+  }
+};
+
+TEST(MotionDecision, TalkingFaceIsKeptStillScenesAreNot) {
+  // Clip a 600..629 (talking, with a labelled blink at 640 just after) and clip b 505..534.
+  for (const auto& [name, first] : {std::pair<const char*, int>{"webcam_face_a_400x300_25fps.mp4", 600},
+                                    std::pair<const char*, int>{"webcam_face_b_400x300_25fps.mp4", 505}}) {
+    SCOPED_TRACE(name);
+    Clip talking(clipViews(name, first, first + 29));
+    ASSERT_EQ(30u, talking.snapshot->size());
+    const float d = talking.decide(20);
+    EXPECT_GT(d, 0.0f);
+    EXPECT_LE(d, 1.0f);
+    // The same frames with an empty sensor classification still count.
+    Vector<KO_camMotionType_t> none;
+    DexMotionDetection md(640, 360);
+    EXPECT_FLOAT_EQ(d, md.KoMotionDecision(talking.snapshot, none, 30, 20));
+  }
+
+  // The person of clip a sitting still (frames 180..209): block matching finds next to nothing.
+  Clip person(clipViews("webcam_face_a_400x300_25fps.mp4", 180, 209));
+  EXPECT_EQ(0.0f, person.decide(15));
+
+  // A still photograph under fresh sensor noise in every frame.
+  const Plane photo = kocore_test::analysisView("solvay_1920x1080.nv21");
+  std::vector<Plane> still;
+  for (unsigned i = 0; i < 24; ++i) still.push_back(kocore_test::noisy(photo, 3.0, 100 + i));
+  Clip scene(still);
+  EXPECT_EQ(0.0f, scene.decide(16));
+}
+
+TEST(MotionDecision, APanIsNotKept) {
+  Clip talking(clipViews("webcam_face_b_400x300_25fps.mp4", 505, 534));
+  ASSERT_GT(talking.decide(20), 0.0f);
+  // The sensors report a pan, or a rotation as strong as shaking.
+  EXPECT_EQ(0.0f, talking.decide(20, DexCameraMotion::MODE_PANNING));
+  EXPECT_EQ(0.0f, talking.decide(20, DexCameraMotion::MODE_JITTER, 0.8f));
+  EXPECT_GT(talking.decide(20, DexCameraMotion::MODE_JITTER, 0.2f), 0.0f);
+  // The frames' own camera-motion classes say panning around the capture.
+  Clip classed(clipViews("webcam_face_b_400x300_25fps.mp4", 505, 534), 30);
+  EXPECT_EQ(0.0f, classed.decide(20));
+
+  // A pan seen only in the picture: the camera sweeps over the group photo, 5 pixels a frame.
+  std::vector<Plane> sweep;
+  for (int i = 0; i < 24; ++i) {
+    sweep.push_back(kocore_test::noisy(kocore_test::crop(bigFrame(), 40 + 5 * i, 90, 640, 360), 2.0, 7 + i));
+  }
+  Clip pan(sweep);
+  const uint32_t* r = pan.hist.mHistory[10]->mFrameData->mMotionResult;
+  float gx;
+  std::memcpy(&gx, &r[1], sizeof gx);
+  EXPECT_NEAR(-10.0f, gx, 1.0f);  // the view moved 10 pixels between two estimations
+  EXPECT_EQ(0.0f, pan.decide(16));
+}
+
+TEST(MotionDecision, InvalidArgumentsGiveZero) {
+  Clip talking(clipViews("webcam_face_a_400x300_25fps.mp4", 600, 619));
+  Vector<KO_camMotionType_t> none;
+  DexMotionDetection md(640, 360);
+  EXPECT_EQ(0.0f, md.KoMotionDecision(nullptr, none, 20, 5));
+  EXPECT_EQ(0.0f, md.KoMotionDecision(talking.snapshot, none, 0, 5));
+  EXPECT_EQ(0.0f, md.KoMotionDecision(talking.snapshot, none, 20, 20));
+  EXPECT_EQ(0.0f, md.KoMotionDecision(talking.snapshot, none, 20, -1));
 }
 
 }  // namespace
