@@ -21,30 +21,24 @@ using android::sp;
 
 namespace {
 
-// kostats_dump sits in the build folder, one level above this test program.
-std::string toolPath() {
-  char self[PATH_MAX];
-  const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-  if (n <= 0) return "";
-  self[n] = '\0';
-  std::string dir(self);
-  dir = dir.substr(0, dir.rfind('/'));
-  return dir.substr(0, dir.rfind('/')) + "/kostats_dump";
-}
-
+// The dump program's exit status and standard output; it sits in the build folder, one level
+// above this test program.
 struct ToolRun {
   int status = -1;
   std::string out;
 };
 
 ToolRun runTool(const std::string& args) {
+  char self[PATH_MAX] = {};
   ToolRun r;
-  const std::string command = KOVANE_TOOL_LAUNCHER + toolPath() + " " + args + " 2>/dev/null";
-  FILE* p = popen(command.c_str(), "r");
+  if (readlink("/proc/self/exe", self, sizeof(self) - 1) <= 0) return r;
+  std::string tool = self;
+  tool = tool.substr(0, tool.rfind('/', tool.rfind('/') - 1)) + "/kostats_dump";
+  EXPECT_EQ(access(tool.c_str(), X_OK), 0) << "build kostats_dump: " << tool;
+  FILE* p = popen((KOVANE_TOOL_LAUNCHER + tool + " " + args + " 2>/dev/null").c_str(), "r");
   if (p == nullptr) return r;
   char chunk[4096];
-  size_t n;
-  while ((n = fread(chunk, 1, sizeof(chunk), p)) > 0) r.out.append(chunk, n);
+  for (size_t n; (n = fread(chunk, 1, sizeof(chunk), p)) > 0;) r.out.append(chunk, n);
   const int status = pclose(p);
   r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return r;
@@ -88,7 +82,6 @@ std::vector<char> exifBlock() {
 }  // namespace
 
 TEST(KoStatsDump, PrintsARecordAsJson) {
-  ASSERT_EQ(access(toolPath().c_str(), X_OK), 0) << "build kostats_dump: " << toolPath();
   const std::vector<char> block = exifBlock();
   // The EXIF block with its 3/0 prefix, and the bare record after it.
   for (const bool prefixed : {true, false}) {
@@ -106,24 +99,20 @@ TEST(KoStatsDump, PrintsARecordAsJson) {
     }
     EXPECT_EQ(r.out.find("\"error\""), std::string::npos);
     EXPECT_EQ(r.out.back(), '\n');
-
     const ToolRun check = runTool("--check " + file.path);
-    EXPECT_EQ(check.status, 0);
-    EXPECT_TRUE(check.out.empty());
+    EXPECT_TRUE(check.status == 0 && check.out.empty()) << check.out;
   }
 }
 
 TEST(KoStatsDump, ReportsMalformedRecordsAndBadUse) {
-  ASSERT_EQ(access(toolPath().c_str(), X_OK), 0) << "build kostats_dump: " << toolPath();
   std::vector<char> block = exifBlock();
   block[4 + 8] = 2;  // version of the first segment
   const TempPath file(block);
   const ToolRun r = runTool(file.path);
   EXPECT_EQ(r.status, 1);
-  EXPECT_NE(r.out.find("\"error\":\"unsupported segment version 2 of sshd at offset 0\""),
-            std::string::npos)
+  EXPECT_NE(r.out.find("\"error\":\"unsupported segment version 2 of sshd at offset 0\""), std::string::npos)
       << r.out;
-  EXPECT_EQ(runTool("--check " + file.path).status, 1);
-  EXPECT_EQ(runTool("/nonexistent/record").status, 2);
-  EXPECT_EQ(runTool("").status, 2);
+  // A malformed record fails its check; a missing file and no file at all are bad use.
+  const std::pair<std::string, int> statuses[] = {{"--check " + file.path, 1}, {"/nonexistent/record", 2}, {"", 2}};
+  for (const auto& s : statuses) EXPECT_EQ(runTool(s.first).status, s.second) << s.first;
 }

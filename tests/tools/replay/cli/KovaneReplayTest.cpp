@@ -6,15 +6,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
+#include "../ReplayTestUtil.h"
 #include "ClipProbe.h"
 #include "MotionPhoto.h"
 #include "ReportWriter.h"
@@ -23,49 +21,31 @@
 
 namespace {
 
+using kovane_replay_test::TempDir;
+using kovane_replay_test::readFile;
+
 struct Result {
   int status = -1;  // exit status, or -1 when the program did not exit normally
-  std::string out;
-  std::string err;
+  std::string out, err;
+  std::vector<std::string> toolLines;  // the tool's own error lines (the engine may log on stderr too)
 };
 
-std::string readFile(const std::string& path) {
-  std::ifstream f(path);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
-
-std::string tempDir() {
-  char name[] = "/tmp/kovane_replay_XXXXXX";
-  return mkdtemp(name) ? name : "";
-}
-
 Result runReplay(const std::string& args) {
-  const std::string dir = tempDir();
-  const std::string cmd = KOVANE_TOOL_LAUNCHER KOVANE_REPLAY_BINARY " " + args + " >" + dir + "/out 2>" + dir + "/err";
-  const int rc = system(cmd.c_str());
+  const TempDir dir("kovane-replay-run");
+  const int rc = system((KOVANE_TOOL_LAUNCHER KOVANE_REPLAY_BINARY " " + args + " >" + dir.file("out") + " 2>" +
+                         dir.file("err")).c_str());
   Result r;
   if (WIFEXITED(rc)) r.status = WEXITSTATUS(rc);
-  r.out = readFile(dir + "/out");
-  r.err = readFile(dir + "/err");
-  system(("rm -rf " + dir).c_str());
+  r.out = readFile(dir.file("out"));
+  r.err = readFile(dir.file("err"));
+  std::istringstream in(r.err);
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("kovane-replay:", 0) == 0) r.toolLines.push_back(line);
+  }
   return r;
 }
 
-// The tool's own error lines (the engine may log on stderr too).
-std::vector<std::string> toolLines(const std::string& err) {
-  std::vector<std::string> lines;
-  std::istringstream in(err);
-  for (std::string line; std::getline(in, line);) {
-    if (line.rfind("kovane-replay:", 0) == 0) lines.push_back(line);
-  }
-  return lines;
-}
-
-nlohmann::json readJson(const std::string& path) {
-  return nlohmann::json::parse(readFile(path), nullptr, false);
-}
+nlohmann::json readJson(const std::string& path) { return nlohmann::json::parse(readFile(path), nullptr, false); }
 
 }  // namespace
 
@@ -75,7 +55,8 @@ TEST(KovaneReplay, BadInputEndsInOneLineAndANonZeroExit) {
   const kovane_test::TempFile junkFile;
   ASSERT_EQ(write(junkFile.fd, "not a clip at all\n", 18), 18);
   const std::string junk = junkFile.path;
-  const std::string common = " --out /tmp/kovane_replay_bad --faces none --quiet";
+  const TempDir out("kovane-replay-bad");
+  const std::string common = " --out " + out.path() + " --faces none --quiet";
   const struct {
     std::string args;
     std::string says;  // a word the error line must hold
@@ -92,17 +73,16 @@ TEST(KovaneReplay, BadInputEndsInOneLineAndANonZeroExit) {
     SCOPED_TRACE(c.args);
     const Result r = runReplay(c.args);
     EXPECT_GT(r.status, 0) << r.err;  // a normal exit with an error status, never a crash
-    const auto lines = toolLines(r.err);
-    ASSERT_EQ(lines.size(), 1u) << r.err;
-    EXPECT_NE(lines[0].find(c.says), std::string::npos) << lines[0];
+    ASSERT_EQ(r.toolLines.size(), 1u) << r.err;
+    EXPECT_NE(r.toolLines[0].find(c.says), std::string::npos) << r.toolLines[0];
   }
-  system("rm -rf /tmp/kovane_replay_bad");
 }
 
 TEST(KovaneReplay, AReplayWritesValidOutputsReturnsEveryBufferAndSeesTheShake) {
   const std::string clip = kovane_test::testDataPath("webcam_face_b_400x300_25fps.mp4");
   ASSERT_FALSE(clip.empty());
-  const std::string out = tempDir();
+  const TempDir outDir("kovane-replay-out"), mergedDir("kovane-replay-merged");
+  const std::string out = outDir.path();
   const Result r = runReplay(clip + " --out " + out +
                              " --faces none --until 12 --shutter auto:3 --degrade shake*2,defocus,exposure,noise "
                              "--seed 3 --quiet");
@@ -132,35 +112,27 @@ TEST(KovaneReplay, AReplayWritesValidOutputsReturnsEveryBufferAndSeesTheShake) {
     }
     if (p["kind"] != "shake") continue;
     // The engine's sharpness of the shaken frames is below that of the clean frames before them.
-    double shaken = 0, clean = 0;
-    int nShaken = 0, nClean = 0;
+    double sum[2] = {0, 0};  // of the shaken frames, of the clean ones
+    int n[2] = {0, 0};
     for (const auto& t : p["timeline"]) {
-      if (t["engine"].is_null()) continue;
-      const double sob = t["engine"]["sob_mean"].get<double>();
-      if (t["truth"]["degradation"] == "shake") {
-        shaken += sob;
-        ++nShaken;
-      } else if (t["truth"]["degradation"] == "") {
-        clean += sob;
-        ++nClean;
-      }
+      const std::string degradation = t["truth"]["degradation"];
+      if (t["engine"].is_null() || (degradation != "shake" && !degradation.empty())) continue;
+      sum[degradation.empty()] += t["engine"]["sob_mean"].get<double>();
+      ++n[degradation.empty()];
     }
-    ASSERT_GT(nShaken, 0);
-    ASSERT_GT(nClean, 3);
-    EXPECT_LT(shaken / nShaken, 0.95 * clean / nClean);
+    ASSERT_TRUE(n[0] > 0 && n[1] > 3) << n[0] << " shaken, " << n[1] << " clean";
+    EXPECT_LT(sum[0] / n[0], 0.95 * sum[1] / n[1]);
     ++shakes;
   }
   EXPECT_EQ(shakes, 2);
 
   // The page is one file: pictures inline, nothing fetched.
   const std::string html = readFile(out + "/report.html");
-  EXPECT_NE(html.find("data:image/jpeg;base64,"), std::string::npos);
-  EXPECT_NE(html.find("<svg"), std::string::npos);
-  EXPECT_EQ(html.find("http://"), std::string::npos);
-  EXPECT_EQ(html.find("https://"), std::string::npos);
+  kovane_replay_test::expectParts(html, {"data:image/jpeg;base64,", "<svg"});
+  kovane_replay_test::expectParts(html, {"http://", "https://"}, false);
 
   // Several replays' summaries (here the same one twice) make one table whose rows add up.
-  const std::string merged = tempDir();
+  const std::string merged = mergedDir.path();
   const Result m = runReplay("--merge " + out + "/summary.json " + out + "/summary.json --out " + merged);
   ASSERT_EQ(m.status, 0) << m.err;
   EXPECT_NE(m.out.find("defocus"), std::string::npos);
@@ -168,7 +140,6 @@ TEST(KovaneReplay, AReplayWritesValidOutputsReturnsEveryBufferAndSeesTheShake) {
   ASSERT_TRUE(kovane_replay::ReportWriter::validateSummary(total, &error)) << error;
   EXPECT_EQ(total["kinds"].back()["presses"].get<int>(), 2 * summary["kinds"].back()["presses"].get<int>());
   EXPECT_EQ(total["runs"].size(), 2u);
-  system(("rm -rf " + out + " " + merged).c_str());
 }
 
 // With --video every press asks for a clip: the talking head at 8 s holds too still for one,
@@ -176,7 +147,8 @@ TEST(KovaneReplay, AReplayWritesValidOutputsReturnsEveryBufferAndSeesTheShake) {
 TEST(KovaneReplay, VideoWritesTheEngineClipOfEachPressThatGotOne) {
   const std::string clip = kovane_test::testDataPath("webcam_face_a_400x300_25fps.mp4");
   ASSERT_FALSE(clip.empty());
-  const std::string out = tempDir();
+  const TempDir outDir("kovane-replay-out"), mergedDir("kovane-replay-merged");
+  const std::string out = outDir.path();
   const Result r = runReplay(clip + " --out " + out + " --faces none --until 26.5 --shutter 8,24 --video --quiet");
   ASSERT_EQ(r.status, 0) << r.err;
   const nlohmann::json decisions = readJson(out + "/decisions.json");
@@ -208,5 +180,4 @@ TEST(KovaneReplay, VideoWritesTheEngineClipOfEachPressThatGotOne) {
   EXPECT_EQ(kovane_test::probeClip(motion, info.videoOffset).ptsUs, probed.ptsUs);
   EXPECT_NE(readFile(out + "/report.html").find("<video controls muted loop playsinline preload=\"metadata\" src=\"" + file + "\""),
             std::string::npos);
-  system(("rm -rf " + out).c_str());
 }

@@ -1,11 +1,13 @@
-// Where the shutter is pressed: the --shutter text, warm-up, spacing, end margin, presses on
-// natural blinks, faults at given and automatic times, and the errors that name the press.
+// The --degrade text (kinds, times and counts), and where the shutter is pressed: the --shutter
+// text, warm-up, spacing, end margin, presses on natural blinks, faults at given and automatic
+// times, and one-line errors that name the bad item or press.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdlib>
 #include <set>
+#include <sstream>
 
 #include "ShutterPlan.h"
 
@@ -29,6 +31,57 @@ std::vector<DegradationRequest> degrade(const std::string& text) {
   std::string error;
   EXPECT_TRUE(DegradationSpec::parse(text, &out, &error)) << error;
   return out;
+}
+
+// Each request as "kind@seconds item" (an automatic time is -1).
+std::vector<std::string> parsed(const std::string& text) {
+  std::vector<DegradationRequest> out;
+  std::string error;
+  EXPECT_TRUE(DegradationSpec::parse(text, &out, &error)) << text << ": " << error;
+  std::vector<std::string> requests;
+  for (const DegradationRequest& r : out) {
+    std::ostringstream s;
+    s << r.kind << "@" << r.atSeconds << " " << r.item;
+    requests.push_back(s.str());
+    EXPECT_EQ(r.automatic(), r.atSeconds < 0) << s.str();
+  }
+  return requests;
+}
+
+TEST(DegradeText, ReadsKindsTimesAndCounts) {
+  EXPECT_TRUE(parsed("").empty());
+  EXPECT_TRUE(parsed("  ").empty());
+  EXPECT_EQ(parsed("blink@2.5, shake ,defocus*3,Exposure@7,noise@0"),
+            (std::vector<std::string>{"blink@2.5 blink@2.5", "shake@-1 shake", "defocus@-1 defocus*3",
+                                      "defocus@-1 defocus*3", "defocus@-1 defocus*3", "exposure@7 Exposure@7",
+                                      "noise@0 noise@0"}));
+  EXPECT_EQ(parsed("noise*1"), (std::vector<std::string>{"noise@-1 noise*1"}));
+  EXPECT_EQ(parsed("shake@.5"), (std::vector<std::string>{"shake@0.5 shake@.5"}));
+  EXPECT_EQ(parsed("shake@1e1"), (std::vector<std::string>{"shake@10 shake@1e1"}));
+}
+
+TEST(DegradeText, RejectsBadItemsNamingThem) {
+  const struct {
+    const char* text;
+    const char* named;
+  } bad[] = {
+      {"wobble", "wobble"},       {"blink,glare@3", "glare"}, {"blink@", "blink@"},         {"blink@abc", "abc"},
+      {"blink@2.5s", "2.5s"},     {"shake@-1", "shake@-1"},   {"blink*0", "blink*0"},       {"blink*-2", "-2"},
+      {"blink*1.5", "1.5"},       {"noise*", "noise*"},       {"blink,,shake", "empty"},    {"blink,", "empty"},
+      {"shake@2*3", "shake@2*3"}, {"blink@nan", "nan"},       {"shake*5000", "shake*5000"},
+  };
+  for (const auto& b : bad) {
+    std::vector<DegradationRequest> out = {{"blink", 1.0, "left over"}};
+    std::string error;
+    EXPECT_FALSE(DegradationSpec::parse(b.text, &out, &error)) << b.text;
+    EXPECT_THAT(error, HasSubstr(b.named)) << b.text;
+    EXPECT_EQ(error.find('\n'), std::string::npos) << error;
+    EXPECT_TRUE(out.empty()) << b.text;
+  }
+  std::string error;
+  EXPECT_FALSE(DegradationSpec::parse("blur", nullptr, &error));
+  EXPECT_THAT(error, HasSubstr("blink, shake, defocus, exposure, noise"));
+  EXPECT_FALSE(DegradationSpec::parse("blur", nullptr, nullptr));
 }
 
 std::vector<PlannedPress> plan(const ShutterPlan::Inputs& in) {
@@ -74,23 +127,24 @@ void expectRulesKept(const ShutterPlan::Inputs& in, const std::vector<PlannedPre
 
 TEST(ShutterPlan, ReadsTheShutterText) {
   ShutterPlan::Inputs in = clip();  // 14 s at 20 fps: the last press may fall at 13.45 s
-  in.shutter = "auto";
-  auto p = plan(in);
-  EXPECT_EQ(frames(p), (std::vector<int>{40, 80, 120, 160, 200, 240}));
-  for (const PlannedPress& q : p) EXPECT_TRUE(q.kind == "clean" && q.source == "auto");
-  in.shutter = "auto:3";
-  EXPECT_EQ(frames(plan(in)), (std::vector<int>{60, 120, 180, 240}));
+  const struct {
+    const char *text, *source;
+    std::vector<int> frames;
+  } good[] = {{"auto", "auto", {40, 80, 120, 160, 200, 240}},
+              {"auto:3", "auto", {60, 120, 180, 240}},
+              {"2.5, 7.1", "list", {50, 142}},
+              {"none", "", {}}};
+  for (const auto& g : good) {
+    in.shutter = g.text;
+    const auto p = plan(in);
+    EXPECT_EQ(frames(p), g.frames) << g.text;
+    for (const PlannedPress& q : p) EXPECT_TRUE(q.kind == "clean" && q.source == g.source) << g.text;
+  }
   in.shutter = "auto:1.5";
   EXPECT_EQ(frames(plan(in)).front(), 30);
-  in.shutter = "2.5, 7.1";
-  p = plan(in);
-  EXPECT_EQ(frames(p), (std::vector<int>{50, 142}));
-  EXPECT_TRUE(p[0].source == "list" && p[0].kind == "clean");
-  in.shutter = "none";
-  EXPECT_TRUE(plan(in).empty());
   in.naturalBlinks = {{99, 103, 101}};
   in.shutter = "on-blinks,9";
-  p = plan(in);
+  const auto p = plan(in);
   ASSERT_EQ(p.size(), 2u);
   EXPECT_TRUE(p[0].source == "on-blinks" && p[1].source == "list");
 
@@ -119,49 +173,43 @@ TEST(ShutterPlan, KeepsWarmupSpacingAndEndMargin) {
   EXPECT_GE(p.size(), 10u);
   EXPECT_EQ(p.front().frame, 30);  // 1.5 s, the end of the warm-up
   EXPECT_LE(p.back().frame, 269);  // 13.45 s
-
   in.spacingS = 2.5;
   expectRulesKept(in, plan(in));
 
-  // Times that do not fit, each named.
-  in = clip();
-  in.shutter = "1.0";
-  EXPECT_THAT(failure(in), AllOf(HasSubstr("--shutter 1.0"), HasSubstr("warm-up")));
-  in.shutter = "3,15.5";
-  EXPECT_THAT(failure(in), AllOf(HasSubstr("--shutter 15.5"), HasSubstr("past the end")));
-  in.shutter = "13.8";
-  EXPECT_THAT(failure(in), AllOf(HasSubstr("--shutter 13.8"), HasSubstr("last 0.5 s")));
-  in.shutter = "3,3.4";
-  EXPECT_THAT(failure(in), AllOf(HasSubstr("--shutter 3"), HasSubstr("--shutter 3.4"), HasSubstr("too close")));
-  in.shutter = "3.3";
-  in.degradations = degrade("shake@3");
-  EXPECT_THAT(failure(in), AllOf(HasSubstr("shake@3"), HasSubstr("too close")));
-  in.shutter = "none";
-  in.degradations = degrade("noise@20");
-  EXPECT_THAT(failure(in), AllOf(HasSubstr("noise@20"), HasSubstr("past the end")));
-
-  // A clip shorter than the warm-up, or with no room after it.
+  // Times that do not fit, clips too short, inputs that make no sense: each named.
+  const struct {
+    double seconds;
+    const char *shutter, *degrade;
+    std::vector<const char*> says;
+    double spacingS = ShutterPlan::kDefaultSpacingS;
+    int repeatedStamp = 0;  // a frame with the time stamp of the one before
+  } bad[] = {
+      {14, "1.0", "", {"--shutter 1.0", "warm-up"}},
+      {14, "3,15.5", "", {"--shutter 15.5", "past the end"}},
+      {14, "13.8", "", {"--shutter 13.8", "last 0.5 s"}},
+      {14, "3,3.4", "", {"--shutter 3", "--shutter 3.4", "too close"}},
+      {14, "3.3", "shake@3", {"shake@3", "too close"}},
+      {14, "none", "noise@20", {"noise@20", "past the end"}},
+      {1.2, "auto", "", {"shorter than the 1.5 s warm-up"}},
+      {1.8, "auto", "", {"too short"}},
+      {3.0, "auto:5", "", {"no press"}},
+      {14, "auto", "", {"spacing"}, 0.0},
+      {14, "auto", "", {"frame 100"}, ShutterPlan::kDefaultSpacingS, 100},
+      {0, "auto", "", {"no frames"}},
+  };
+  for (const auto& b : bad) {
+    in = clip(b.seconds);
+    in.shutter = b.shutter;
+    in.degradations = degrade(b.degrade);
+    in.spacingS = b.spacingS;
+    if (b.repeatedStamp) in.frameTimesUs[b.repeatedStamp] = in.frameTimesUs[b.repeatedStamp - 1];
+    const std::string error = failure(in);
+    for (const char* part : b.says) EXPECT_THAT(error, HasSubstr(part)) << b.shutter << " " << b.degrade;
+  }
+  // A clip shorter than the warm-up has no room for a press, but may go without one.
   in = clip(1.2);
-  in.shutter = "auto";
-  EXPECT_THAT(failure(in), HasSubstr("shorter than the 1.5 s warm-up"));
   in.shutter = "none";
   EXPECT_TRUE(plan(in).empty());
-  in = clip(1.8);
-  in.shutter = "auto";
-  EXPECT_THAT(failure(in), HasSubstr("too short"));
-  in = clip(3.0);
-  in.shutter = "auto:5";
-  EXPECT_THAT(failure(in), HasSubstr("no press"));
-  // Inputs that make no sense.
-  in = clip();
-  in.spacingS = 0.0;
-  EXPECT_THAT(failure(in), HasSubstr("spacing"));
-  in = clip();
-  in.frameTimesUs[100] = in.frameTimesUs[99];
-  EXPECT_THAT(failure(in), HasSubstr("frame 100"));
-  in.frameTimesUs.clear();
-  in.facePresent.clear();
-  EXPECT_THAT(failure(in), HasSubstr("no frames"));
 }
 
 TEST(ShutterPlan, PressesOnBlinksAtTheirPeak) {
@@ -174,10 +222,7 @@ TEST(ShutterPlan, PressesOnBlinksAtTheirPeak) {
                       {275, 278, 276}};  // in the last 0.5 s: dropped
   auto p = plan(in);
   EXPECT_EQ(frames(p), (std::vector<int>{63, 152}));
-  for (const PlannedPress& q : p) {
-    EXPECT_EQ(q.kind, "natural-blink");
-    EXPECT_EQ(q.source, "on-blinks");
-  }
+  for (const PlannedPress& q : p) EXPECT_TRUE(q.kind == "natural-blink" && q.source == "on-blinks") << q.frame;
   // A given time takes precedence over a blink near it.
   in.shutter = "on-blinks,7.8";
   EXPECT_EQ(frames(plan(in)), (std::vector<int>{63, 156}));

@@ -33,18 +33,10 @@ extern "C" {
 #include "ClipDecoder.h"
 #include "FaceDetector.h"
 #include "FaceTrackFile.h"
-#include "FacesTempDir.h"
+#include "../ReplayTestUtil.h"
 #include "TestData.h"
 
-using kovane_replay::BlinkEvent;
-using kovane_replay::ClipDecoder;
-using kovane_replay::ClipFaceAnalysis;
-using kovane_replay::ClipFaces;
-using kovane_replay::ClipFrame;
-using kovane_replay::DetectedFace;
-using kovane_replay::FaceDetector;
-using kovane_replay::FaceRecord;
-using kovane_replay::FaceTrackFile;
+using namespace kovane_replay;
 
 namespace {
 
@@ -60,10 +52,10 @@ const HandLabels kLabelsA = {{{640, 641, 642, 643}, {774, 775}}, {636, 638, 650,
 const HandLabels kLabelsBStart = {{{98, 99, 100, 101}}, {90, 92}};
 const HandLabels kLabelsBLater = {{{426, 427, 428, 429}}, {422, 423, 433}};
 
-ClipFaceAnalysis::Options preview() {
+ClipFaceAnalysis::Options preview(int width = 400, int height = 300) {
   ClipFaceAnalysis::Options opt;
-  opt.width = 400;
-  opt.height = 300;
+  opt.width = width;
+  opt.height = height;
   return opt;
 }
 
@@ -148,18 +140,12 @@ bool copyClipStart(const std::string& from, const std::string& to, int packets) 
 }
 
 // Sets an environment variable for the life of the object, then puts back what was there.
-class ScopedEnv {
- public:
-  ScopedEnv(const char* name, const char* value) : mName(name), mHad(std::getenv(name) != nullptr) {
-    if (mHad) mOld = std::getenv(name);
-    setenv(name, value, 1);
-  }
-  ~ScopedEnv() { mHad ? setenv(mName.c_str(), mOld.c_str(), 1) : unsetenv(mName.c_str()); }
-
- private:
-  std::string mName;
-  bool mHad;
-  std::string mOld;
+struct ScopedEnv {
+  std::string name;
+  const char* old;
+  std::string oldValue = old ? old : "";
+  ScopedEnv(const char* n, const char* value) : name(n), old(std::getenv(n)) { setenv(n, value, 1); }
+  ~ScopedEnv() { old ? setenv(name.c_str(), oldValue.c_str(), 1) : unsetenv(name.c_str()); }
 };
 
 // Detects and tracks the stretches first..last of a clip, each on its own (so its degrees rest
@@ -258,11 +244,8 @@ TEST(ClipFaceAnalysis, APreviewLargerThanTheClipGetsTheClipsFacesScaledUp) {
   ASSERT_FALSE(clip.empty());
   ClipFaces own, large;
   std::string error;
-  ClipFaceAnalysis::Options big = preview();
-  big.width = 640;
-  big.height = 480;
   ASSERT_TRUE(ClipFaceAnalysis::analyseRange(clip, preview(), 760, 790, own, &error)) << error;
-  ASSERT_TRUE(ClipFaceAnalysis::analyseRange(clip, big, 760, 790, large, &error)) << error;
+  ASSERT_TRUE(ClipFaceAnalysis::analyseRange(clip, preview(640, 480), 760, 790, large, &error)) << error;
   ASSERT_EQ(own.size(), large.size());
   for (size_t i = 760; i < own.size(); ++i) {
     ASSERT_EQ(own[i].size(), large[i].size()) << i;
@@ -279,7 +262,7 @@ TEST(ClipFaceAnalysis, APreviewLargerThanTheClipGetsTheClipsFacesScaledUp) {
 TEST(ClipFaceAnalysis, WholeClipIsCachedByContentSizeAndVersionAndReadsHandLabelledBlinks) {
   const std::string clipB = kovane_test::testDataPath(kClipB);
   ASSERT_FALSE(clipB.empty());
-  kovane_faces_test::TempDir cache;
+  kovane_replay_test::TempDir cache;
   const std::string clip = cache.file("b-start.mp4");
   ASSERT_TRUE(copyClipStart(clipB, clip, 130));
   ClipFaceAnalysis::Options opt = preview();
@@ -349,7 +332,7 @@ TEST(ClipFaceAnalysis, WholeClipIsCachedByContentSizeAndVersionAndReadsHandLabel
 }
 
 TEST(ClipFaceAnalysis, ClearErrorsForBadInputAndSha256OfKnownBytes) {
-  kovane_faces_test::TempDir dir;
+  kovane_replay_test::TempDir dir;
   const std::string notAClip = dir.file("notes.mp4");
   std::ofstream(notAClip) << "abc";
   ClipFaces faces;
@@ -362,9 +345,7 @@ TEST(ClipFaceAnalysis, ClearErrorsForBadInputAndSha256OfKnownBytes) {
 
   const std::string clip = kovane_test::testDataPath(kClipB);
   ASSERT_FALSE(clip.empty());
-  ClipFaceAnalysis::Options odd = preview();
-  odd.width = 0;
-  EXPECT_FALSE(ClipFaceAnalysis::analyse(clip, odd, faces, &error));
+  EXPECT_FALSE(ClipFaceAnalysis::analyse(clip, preview(0, 300), faces, &error));
   EXPECT_NE(error.find("0x300"), std::string::npos) << error;
   EXPECT_FALSE(ClipFaceAnalysis::analyseRange(clip, preview(), 10, 5, faces, &error));
   EXPECT_NE(error.find("10..5"), std::string::npos) << error;

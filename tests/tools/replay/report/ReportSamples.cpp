@@ -5,19 +5,13 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <fstream>
-#include <sstream>
 
 #include "JpegWriter.h"
 
 namespace kovane_replay_test {
 
-using kovane_replay::EngineFrameScores;
-using kovane_replay::FrameTruth;
 using kovane_replay::Nv21Image;
 using kovane_replay::PressResult;
-using kovane_replay::RunInfo;
-
 namespace kind = kovane_replay::kind;
 
 PressResult barePress(const std::string& pressKind, bool capturedGood, bool decided, int finalOffset,
@@ -51,7 +45,7 @@ PressResult timelinePress(int index, const std::string& pressKind, int shutterFr
   p.windowLast = shutterFrame + 6;
   const bool degraded = pressKind != kind::kClean;
   for (int f = shutterFrame - 14; f <= shutterFrame + 8; ++f) {
-    FrameTruth t;
+    kovane_replay::FrameTruth t;
     t.frame = f;
     t.timestampUs = f * kFrameUs;
     t.hasFace = true;
@@ -60,9 +54,8 @@ PressResult timelinePress(int index, const std::string& pressKind, int shutterFr
     const bool hit = degraded && std::abs(f - shutterFrame) <= 1;
     if (hit && pressKind == kind::kBlink) {
       t.degradation = kind::kBlink;
-      t.strength = 90;
+      t.strength = t.blinkDegree = 90;
       t.eyesOpen = false;
-      t.blinkDegree = 90;
     } else if (hit) {
       t.degradation = pressKind;
       t.strength = 6.5;
@@ -70,7 +63,7 @@ PressResult timelinePress(int index, const std::string& pressKind, int shutterFr
     t.sharpness = hit && pressKind != kind::kBlink ? 4.0 : 10.0 + (f % 5);
     p.truth.push_back(t);
 
-    EngineFrameScores s;
+    kovane_replay::EngineFrameScores s;
     s.frameId = static_cast<uint32_t>(f + 1000);  // the engine's own numbering
     s.timestampUs = t.timestampUs;
     s.sobelMean = t.sharpness * 2.5;
@@ -84,18 +77,15 @@ PressResult timelinePress(int index, const std::string& pressKind, int shutterFr
     s.smile = t.smile;
     p.engineScores.push_back(s);
   }
-  p.statisticsReceived = true;
-  p.engineDone = true;
+  p.statisticsReceived = p.engineDone = true;
   p.engineDecided = decided;
   p.capturedGood = !degraded;
   if (decided) {
-    p.engineFrame = shutterFrame - 3;
-    p.replace = true;
+    p.engineFrame = p.finalFrame = shutterFrame - 3;
+    p.replace = p.finalGood = true;
     p.algBitField = 0x15;
     p.captureOffsetUs = -3 * static_cast<int32_t>(kFrameUs);
     p.decisionMs = 41.5;
-    p.finalFrame = shutterFrame - 3;
-    p.finalGood = true;
   } else {
     p.finalFrame = shutterFrame;
     p.finalGood = p.capturedGood;
@@ -110,14 +100,12 @@ PressResult timelinePress(int index, const std::string& pressKind, int shutterFr
   return p;
 }
 
-RunInfo sampleRun(bool engineDecides) {
-  RunInfo r;
+kovane_replay::RunInfo sampleRun(bool engineDecides) {
+  kovane_replay::RunInfo r;
   r.clip = "/data/clips/desk_face_640x360_30fps.mp4";
   r.clipSha256 = "9f2c4e0d5a7b11c3e8f6a4b2c0d9e7f5a3b1c9d7e5f3a1b9c7d5e3f1a9b7c5d3";
-  r.clipWidth = 640;
-  r.clipHeight = 360;
-  r.width = 640;
-  r.height = 360;
+  r.clipWidth = r.width = 640;
+  r.clipHeight = r.height = 360;
   r.fit = "crop";
   r.fps = 30.0;
   r.frames = 300;
@@ -127,8 +115,7 @@ RunInfo sampleRun(bool engineDecides) {
   r.degrade = "blink,shake";
   r.seed = 7;
   r.pacing = "fast, 8x real time";
-  r.zslLent = 290;
-  r.zslReturned = 290;
+  r.zslLent = r.zslReturned = 290;
   r.zslSkipped = 10;
   r.jobsFinished = 3;
   r.engineDecides = engineDecides;
@@ -137,42 +124,37 @@ RunInfo sampleRun(bool engineDecides) {
   return r;
 }
 
+namespace {
+
 Nv21Image samplePicture(int width, int height, int frame, bool bad) {
   Nv21Image img;
   img.allocate(width, height);
   const double cx = width * (0.2 + 0.6 * ((frame * 7) % 23) / 22.0), cy = height * 0.5, r = height * 0.28;
   for (int y = 0; y < height; ++y) {
     for (int x = 0; x < width; ++x) {
-      double v = 60 + 120.0 * x / width;
-      if ((x - cx) * (x - cx) + (y - cy) * (y - cy) < r * r) v = 225;
+      double v = (x - cx) * (x - cx) + (y - cy) * (y - cy) < r * r ? 225 : 60 + 120.0 * x / width;
       if (bad) v = v * 0.45 + ((y / 6) % 2 ? 30 : 0);
       img.y()[static_cast<size_t>(y) * width + x] = static_cast<uint8_t>(std::min(255.0, v));
     }
   }
-  uint8_t* vu = img.vu();
   for (int y = 0; y < height / 2; ++y) {
     for (int x = 0; x < width / 2; ++x) {
-      vu[(static_cast<size_t>(y) * (width / 2) + x) * 2] = static_cast<uint8_t>(110 + 40 * y / (height / 2));
-      vu[(static_cast<size_t>(y) * (width / 2) + x) * 2 + 1] = static_cast<uint8_t>(150 - 40 * x / (width / 2));
+      uint8_t* vu = img.vu() + (static_cast<size_t>(y) * (width / 2) + x) * 2;
+      vu[0] = static_cast<uint8_t>(110 + 40 * y / (height / 2));
+      vu[1] = static_cast<uint8_t>(150 - 40 * x / (width / 2));
     }
   }
   return img;
 }
 
+}  // namespace
+
 bool writePressPictures(const std::string& dir, const PressResult& press, std::string* error) {
-  const std::string sub = dir + "/" + press.capturedJpeg.substr(0, press.capturedJpeg.find('/'));
-  mkdir(sub.c_str(), 0755);
+  mkdir((dir + "/" + press.capturedJpeg.substr(0, press.capturedJpeg.find('/'))).c_str(), 0755);
   return kovane_replay::JpegWriter::write(samplePicture(320, 180, press.shutterFrame, !press.capturedGood),
                                           dir + "/" + press.capturedJpeg, 85, error) &&
          kovane_replay::JpegWriter::write(samplePicture(320, 180, press.finalFrame, !press.finalGood),
                                           dir + "/" + press.finalJpeg, 85, error);
-}
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
 }
 
 }  // namespace kovane_replay_test

@@ -2,6 +2,7 @@
 // Presses and replays built by hand for the report tests.
 #include <string>
 
+#include "../ReplayTestUtil.h"
 #include "ReplayTypes.h"
 
 namespace kovane_replay_test {
@@ -26,15 +27,8 @@ kovane_replay::PressResult timelinePress(int index, const std::string& kind, int
 // A replay of a 10 s clip at 30 fps, 640x360.
 kovane_replay::RunInfo sampleRun(bool engineDecides);
 
-// A small NV21 picture that differs visibly from frame to frame (a light disc that moves
-// across a coloured gradient); a bad one is dark and striped.
-kovane_replay::Nv21Image samplePicture(int width, int height, int frame, bool bad);
-
-// Writes the press's captured and final JPEGs under `dir` (making capture-II); false with the
-// reason in *error.
+// Writes the press's captured and final JPEGs under `dir` (making capture-II): small pictures of
+// a light disc moving across a coloured gradient, dark and striped when bad.
 bool writePressPictures(const std::string& dir, const kovane_replay::PressResult& press, std::string* error);
-
-// The whole of a file ("" when it cannot be read).
-std::string readFile(const std::string& path);
 
 }  // namespace kovane_replay_test

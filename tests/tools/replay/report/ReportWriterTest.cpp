@@ -1,9 +1,13 @@
+// Counting presses per kind (rescued, harmed and needless replacements of the engine and of the
+// sharpest-frame baseline, no engine decision, runs merged, the terminal table), and
 // decisions.json and summary.json: what they hold, that they pass their own validation, that
 // validation turns broken documents down, and that summaries read back for merging.
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <optional>
 #include <set>
+#include <sstream>
 
 #include <nlohmann/json.hpp>
 
@@ -11,18 +15,9 @@
 #include "Metrics.h"
 #include "ReportSamples.h"
 #include "ReportWriter.h"
-#include "TempDir.h"
 
-using kovane_replay::HtmlReport;
-using kovane_replay::KindSummary;
-using kovane_replay::Metrics;
-using kovane_replay::PressResult;
-using kovane_replay::ReportWriter;
-using kovane_replay::RunInfo;
-using kovane_replay_test::TempDir;
-using kovane_replay_test::readFile;
-using kovane_replay_test::sampleRun;
-using kovane_replay_test::timelinePress;
+using namespace kovane_replay;
+using namespace kovane_replay_test;
 using nlohmann::json;
 
 namespace {
@@ -74,14 +69,158 @@ void expectRejected(const json& good, const std::vector<Breakage>& breakages,
   }
 }
 
+// A row as "kind: presses capturedGood decided | engine good rescued harmed needless | baseline
+// good rescued harmed needless", so that a whole table compares in one go.
+std::vector<std::string> countsOf(const std::vector<KindSummary>& rows) {
+  std::vector<std::string> out;
+  for (const KindSummary& r : rows) {
+    std::ostringstream s;
+    s << r.kind << ": " << r.presses << " " << r.capturedGood << " " << r.decided << " | " << r.engineGood << " "
+      << r.engineRescued << " " << r.engineHarmed << " " << r.engineNeedless << " | " << r.baselineGood << " "
+      << r.baselineRescued << " " << r.baselineHarmed << " " << r.baselineNeedless;
+    out.push_back(s.str());
+  }
+  return out;
+}
+
 }  // namespace
+
+// Each press counts once for the engine's final picture and once for the baseline's pick; the
+// outcome reads "good rescued harmed needless" as 1/0.
+TEST(MetricsOutcome, RescuedHarmedAndNeedlessOfOnePress) {
+  const struct {
+    const char* what;
+    kovane_replay::PressResult press;
+    bool baseline;
+    const char* outcome;
+  } cases[] = {
+      {"bad capture moved to a good frame", barePress("blink", false, true, -3, true, 0, false), false, "1100"},
+      {"good capture replaced by a bad frame", barePress("clean", true, true, 2, false, 0, true), false, "0011"},
+      {"good capture replaced by a good frame", barePress("clean", true, true, -1, true, 0, true), false, "1001"},
+      {"good capture kept", barePress("clean", true, true, 0, true, 0, true), false, "1000"},
+      {"bad capture kept", barePress("shake", false, true, 0, false, 0, false), false, "0000"},
+      // The baseline is judged on its own frame, not the engine's.
+      {"baseline spoils a good capture", barePress("clean", true, true, 0, true, 4, false), true, "0011"},
+      {"baseline rescues a bad capture", barePress("defocus", false, true, 0, false, -2, true), true, "1100"},
+  };
+  for (const auto& c : cases) {
+    const Metrics::Outcome o = c.baseline ? Metrics::baselineOutcome(c.press) : Metrics::engineOutcome(c.press);
+    EXPECT_EQ(std::string({"01"[o.good], "01"[o.rescued], "01"[o.harmed], "01"[o.needless]}), c.outcome) << c.what;
+  }
+}
+
+TEST(MetricsSummary, CountsPerKindInTableOrderWithTheAllRowLast) {
+  const std::vector<KindSummary> rows = Metrics::summarize({
+      barePress("noise", false, true, -2, true, -1, true),  // rescued by both
+      barePress("clean", true, true, 0, true, 0, true),     // kept
+      barePress("zoom", true, true, 0, true, 1, true),      // a kind the tables do not know
+      barePress("blink", false, true, 0, false, 2, true),   // engine kept the blink; baseline rescued
+      barePress("clean", true, true, 3, false, 0, true),    // engine harmed, needless
+      barePress("blink", false, true, -4, true, 0, false),  // engine rescued
+      barePress("natural-blink", false, false, 0, false, 0, false),
+      barePress("clean", true, true, -1, true, -2, true),  // needless for both
+      barePress("", true, true, 0, true, 0, true),         // no kind: clean
+  });
+  EXPECT_EQ(countsOf(rows), (std::vector<std::string>{
+                                "clean: 4 4 4 | 3 0 1 2 | 4 0 0 1",
+                                "blink: 2 0 2 | 1 1 0 0 | 1 1 0 0",  // nothing good to spoil
+                                "natural-blink: 1 0 0 | 0 0 0 0 | 0 0 0 0",
+                                "noise: 1 0 1 | 1 1 0 0 | 1 1 0 0",
+                                "zoom: 1 1 1 | 1 0 0 0 | 1 0 0 1",
+                                "all: 9 5 8 | 6 2 1 2 | 7 2 0 2",
+                            }));
+  EXPECT_TRUE(Metrics::engineDecides(rows));
+  EXPECT_EQ(Metrics::allRow(rows), &rows.back());
+
+  // Good % over every press, rescued % over the bad captures only.
+  const KindSummary &clean = rows[0], &blink = rows[1], &all = rows.back();
+  EXPECT_DOUBLE_EQ(*Metrics::engineGoodPct(clean), 75.0);
+  EXPECT_DOUBLE_EQ(*Metrics::engineRescuedPct(blink), 50.0);
+  EXPECT_DOUBLE_EQ(*Metrics::engineRescuedPct(all), 50.0);  // 2 of 4 bad captures
+  EXPECT_DOUBLE_EQ(*Metrics::capturedGoodPct(all), 100.0 * 5 / 9);
+  EXPECT_FALSE(Metrics::engineRescuedPct(clean).has_value());  // no bad capture to rescue
+  EXPECT_FALSE(Metrics::baselineRescuedPct(clean).has_value());
+
+  // No presses: only an all row of zeros, and no percentages.
+  const std::vector<KindSummary> none = Metrics::summarize({});
+  EXPECT_EQ(countsOf(none), (std::vector<std::string>{"all: 0 0 0 | 0 0 0 0 | 0 0 0 0"}));
+  EXPECT_FALSE(Metrics::engineGoodPct(none[0]).has_value());
+  EXPECT_FALSE(Metrics::engineDecides(none));
+  ASSERT_NE(Metrics::allRow(none), nullptr);
+
+  // Runs merge kind by kind; merging one run changes nothing.
+  const std::vector<KindSummary> a = Metrics::summarize({
+      barePress("blink", false, true, -2, true, 0, false),
+      barePress("clean", true, true, 0, true, 1, true),
+  });
+  const std::vector<KindSummary> b = Metrics::summarize({
+      barePress("exposure", false, false, 0, false, 0, false),
+      barePress("blink", false, true, 0, false, -1, true),
+      barePress("clean", true, true, 2, false, 0, true),
+  });
+  EXPECT_EQ(countsOf(Metrics::merge({a, b, none})), (std::vector<std::string>{
+                                                        "clean: 2 2 2 | 1 0 1 1 | 2 0 0 1",
+                                                        "blink: 2 0 2 | 1 1 0 0 | 1 1 0 0",
+                                                        "exposure: 1 0 0 | 0 0 0 0 | 0 0 0 0",
+                                                        "all: 5 2 4 | 2 1 1 1 | 3 1 0 1",
+                                                    }));
+  EXPECT_EQ(countsOf(Metrics::merge({a})), countsOf(a));
+}
+
+// Without a best-shot decision the camera keeps its captured picture: the engine's columns
+// repeat the captured counts, and the table says why.
+TEST(MetricsSummary, WithoutAnEngineDecisionTheFinalIsTheCapturedPicture) {
+  const std::vector<KindSummary> rows = Metrics::summarize({
+      barePress("clean", true, false, 0, true, -1, true),
+      barePress("shake", false, false, 0, false, 2, true),
+      barePress("shake", false, false, 0, false, 0, false),
+  });
+  EXPECT_EQ(countsOf(rows).back(), "all: 3 1 0 | 1 0 0 0 | 2 1 0 1");
+  EXPECT_FALSE(Metrics::engineDecides(rows));
+  const std::string table = Metrics::formatTable(rows);
+  EXPECT_NE(table.find("engine: no decision, final = captured"), std::string::npos) << table;
+  EXPECT_NE(table.find("no engine decision"), std::string::npos) << table;
+  EXPECT_EQ(Metrics::formatTable(Metrics::summarize({barePress("clean", true, true, 0, true, 0, true)}))
+                .find("no engine decision"),
+            std::string::npos);
+}
+
+TEST(MetricsTable, PercentagesAndColumnsForTheTerminal) {
+  for (const auto& c : std::vector<std::pair<std::optional<double>, std::string>>{
+           {100.0, "100%"}, {100.0 / 3, "33.3%"}, {200.0 / 3, "66.7%"}, {0.0, "0%"}, {std::nullopt, "\xE2\x80\x93"}}) {
+    EXPECT_EQ(Metrics::formatPercent(c.first), c.second);
+  }
+  EXPECT_FALSE(Metrics::percent(3, 0).has_value());
+
+  const std::vector<KindSummary> rows = Metrics::summarize({
+      barePress("clean", true, true, 0, true, 0, true),
+      barePress("natural-blink", false, true, -2, true, 1, false),
+      barePress("natural-blink", false, true, 0, false, 0, false),
+  });
+  std::vector<std::string> lines;
+  std::istringstream in(Metrics::formatTable(rows));
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  ASSERT_EQ(lines.size(), 2u + rows.size());
+  EXPECT_NE(lines[0].find("engine (final picture)"), std::string::npos);
+  EXPECT_NE(lines[0].find("baseline (sharpest frame)"), std::string::npos);
+  const std::pair<int, const char*> starts[] = {{1, "kind"}, {2, "clean "}, {3, "natural-blink"}, {4, "all "}};
+  for (const auto& s : starts) EXPECT_EQ(lines[s.first].rfind(s.second, 0), 0u) << lines[s.first];
+  // The clean row cannot rescue anything: its rescued columns show a dash; the blink row
+  // rescued one of two.
+  EXPECT_NE(lines[2].find("\xE2\x80\x93"), std::string::npos);
+  EXPECT_NE(lines[3].find("50%"), std::string::npos);
+  // Columns line up: the "presses" counts end where the heading does.
+  const size_t end = lines[1].find("presses") + std::string("presses").size();
+  for (size_t i = 2; i < lines.size(); ++i) EXPECT_EQ(lines[i][end - 1], "  123"[i]) << i;
+}
 
 TEST(DecisionsJson, HoldsEveryPressWithItsTimelineAndPassesValidation) {
   const json doc = ReportWriter::decisionsJson(sampleRun(true), samplePresses());
   std::string error;
-  ASSERT_TRUE(ReportWriter::validateDecisions(doc, &error)) << error;
-  // It also survives being written and parsed again.
-  ASSERT_TRUE(ReportWriter::validateDecisions(json::parse(doc.dump()), &error)) << error;
+  // Valid, also after being written and parsed again.
+  ASSERT_TRUE(ReportWriter::validateDecisions(doc, &error) &&
+              ReportWriter::validateDecisions(json::parse(doc.dump()), &error))
+      << error;
   EXPECT_EQ(mismatch(doc["run"], R"({"clip": "/data/clips/desk_face_640x360_30fps.mp4", "seed": 7})"), "");
   ASSERT_EQ(doc["presses"].size(), 3u);
 
@@ -187,7 +326,7 @@ TEST(SummaryJson, OneReplayAndSeveralMergedPassValidationAndReadBack) {
             "");
 
   // Written, read back, merged with another replay.
-  TempDir dir;
+  kovane_replay_test::TempDir dir;
   ASSERT_FALSE(dir.path().empty());
   ASSERT_TRUE(ReportWriter::writeJson(dir.file("a.json"), doc, &error)) << error;
   RunInfo otherRun = sampleRun(false);
@@ -195,19 +334,14 @@ TEST(SummaryJson, OneReplayAndSeveralMergedPassValidationAndReadBack) {
   ASSERT_TRUE(ReportWriter::writeJson(
       dir.file("b.json"),
       ReportWriter::summaryJson(otherRun, Metrics::summarize({timelinePress(0, "noise", 90, false)})), &error));
-  std::vector<std::vector<KindSummary>> runsRows;
-  std::vector<RunInfo> runs;
-  for (const char* name : {"a.json", "b.json"}) {
-    std::vector<RunInfo> r;
-    std::vector<KindSummary> k;
-    ASSERT_TRUE(ReportWriter::readSummaryFile(dir.file(name), r, k, &error)) << error;
+  std::vector<std::vector<KindSummary>> runsRows(2);
+  std::vector<RunInfo> runs, r;
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_TRUE(ReportWriter::readSummaryFile(dir.file(i ? "b.json" : "a.json"), r, runsRows[i], &error)) << error;
     runs.insert(runs.end(), r.begin(), r.end());
-    runsRows.push_back(k);
   }
   ASSERT_EQ(runs.size(), 2u);
-  EXPECT_EQ(runs[0].degrade, "blink,shake");
-  EXPECT_EQ(runs[0].seed, 7u);
-  EXPECT_EQ(runs[1].clip, "second.mp4");
+  EXPECT_TRUE(runs[0].degrade == "blink,shake" && runs[0].seed == 7u && runs[1].clip == "second.mp4");
   // The rows read back write the same document again.
   EXPECT_EQ(ReportWriter::summaryJson(runs[0], runsRows[0]), doc);
   const json mergedDoc = ReportWriter::summaryJson(runs, Metrics::merge(runsRows));

@@ -1,59 +1,61 @@
-// Motion photos made of a real picture and a real webcam clip, read back the way a gallery
-// would: the JPEG decoder sees the same picture, FFmpeg plays the clip from where the XMP
-// directory places it.
+// The media module on the real test clips and pictures: the clip decoder, the JPEG writer, and
+// motion photos read back the way a gallery would (the JPEG decoder sees the same picture, FFmpeg
+// plays the clip from where the XMP directory places it).
 #include <gtest/gtest.h>
+#include <turbojpeg.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <cmath>
 #include <tuple>
 
+#include "../ReplayTestUtil.h"
+#include "ClipDecoder.h"
 #include "ClipProbe.h"
-#include "JpegDecode.h"
 #include "JpegWriter.h"
 #include "MotionPhoto.h"
+#include "TempFile.h"
 #include "TestData.h"
 
-namespace fs = std::filesystem;
+using kovane_replay::ClipDecoder;
+using kovane_replay::ClipFrame;
+using kovane_replay::JpegWriter;
 using kovane_replay::MotionPhoto;
+using kovane_replay_test::readBytes;
+using kovane_replay_test::writeBytes;
 
 namespace {
 
 const char kClipA[] = "webcam_face_a_400x300_25fps.mp4";
 const char kClipB[] = "webcam_face_b_400x300_25fps.mp4";
 
-struct TempDir {
-  fs::path path;
-  TempDir() {
-    char name[] = "/tmp/kovane_motionphoto_XXXXXX";
-    if (mkdtemp(name)) path = name;
+// A JPEG decoded to grey by libturbojpeg; false when it is not a readable JPEG.
+bool decodeGrey(const std::vector<uint8_t>& jpeg, int& width, int& height, std::vector<uint8_t>& grey) {
+  tjhandle handle = tjInitDecompress();
+  const auto size = static_cast<unsigned long>(jpeg.size());
+  int subsamp = 0, colorspace = 0;
+  bool ok = tjDecompressHeader3(handle, jpeg.data(), size, &width, &height, &subsamp, &colorspace) == 0;
+  if (ok) {
+    grey.resize(static_cast<size_t>(width) * height);
+    ok = tjDecompress2(handle, jpeg.data(), size, grey.data(), width, 0, height, TJPF_GRAY, 0) == 0;
   }
-  ~TempDir() {
-    std::error_code ec;
-    fs::remove_all(path, ec);
-  }
-  std::string operator/(const std::string& name) const { return (path / name).string(); }
-  std::vector<std::string> names() const {
-    std::vector<std::string> out;
-    for (const auto& e : fs::directory_iterator(path)) out.push_back(e.path().filename().string());
-    std::sort(out.begin(), out.end());
-    return out;
-  }
-};
-
-std::vector<uint8_t> readAll(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>());
+  tjDestroy(handle);
+  return ok;
 }
 
-void writeAll(const std::string& path, const std::vector<uint8_t>& bytes) {
-  std::ofstream f(path, std::ios::binary);
-  f.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+double meanOf(const uint8_t* p, size_t n) {
+  double s = 0;
+  for (size_t i = 0; i < n; ++i) s += p[i];
+  return n ? s / n : 0.0;
 }
 
+// Mean luma of a rectangle of a picture.
+double meanRect(const kovane_replay::Nv21Image& img, int x0, int y0, int w, int h) {
+  double s = 0;
+  for (int y = y0; y < y0 + h; ++y)
+    for (int x = x0; x < x0 + w; ++x) s += img.y()[static_cast<size_t>(y) * img.width + x];
+  return s / (static_cast<double>(w) * h);
+}
 
 // Presentation times of every frame FFmpeg decodes from `offset` on (empty when it cannot).
 std::vector<int64_t> framePts(const std::string& path, int64_t offset) {
@@ -101,23 +103,121 @@ std::vector<uint8_t> cockatooJpeg(const std::string& path) {
   image.data = kovane_test::readNv21("cockatoo_f005_1280x720.nv21", 1280, 720);
   std::string error;
   EXPECT_TRUE(kovane_replay::JpegWriter::write(image, path, 90, &error)) << error;
-  return readAll(path);
+  return readBytes(path);
 }
 
 }  // namespace
 
+// The webcam clip reads at its own size with its real 25 fps time line, and at a larger
+// preview size by cropping (same aspect: same content) or letterboxing (black bars).
+TEST(ClipDecoder, ReadsTheClipWithItsTimesAtAnySize) {
+  const std::string clip = kovane_test::testDataPath(kClipA);
+  ASSERT_FALSE(clip.empty());
+  ClipDecoder d;
+  ASSERT_TRUE(d.open(clip)) << d.error();
+  EXPECT_EQ(d.info().width, 400);
+  EXPECT_EQ(d.info().height, 300);
+  EXPECT_NEAR(d.info().fps, 25.0, 0.01);
+  ClipFrame f;
+  int64_t lastPts = -1;
+  for (int i = 0; i < 30; ++i) {
+    ASSERT_TRUE(d.next(f)) << d.error();
+    EXPECT_EQ(f.index, i);
+    EXPECT_EQ(f.image.width, 400);
+    EXPECT_GT(f.ptsUs, lastPts);
+    lastPts = f.ptsUs;
+  }
+  EXPECT_NEAR(static_cast<double>(lastPts), 29 * 40000.0, 2000.0);
+
+  // Crop to 16:9 keeps the width (the picture is scaled to 640x480 and cut to 640x360);
+  // letterbox puts black bars left and right of a 480x360 picture.
+  auto firstFrame = [&](int width, int height, ClipDecoder::Fit fit) {
+    EXPECT_TRUE(d.open(clip) && d.setOutput(width, height, fit)) << d.error();
+    ClipFrame first;
+    EXPECT_TRUE(d.next(first)) << d.error();
+    return first.image;
+  };
+  const kovane_replay::Nv21Image full = firstFrame(640, 480, ClipDecoder::FIT_CROP);
+  int frames = 1;
+  while (d.next(f)) ++frames;
+  EXPECT_TRUE(d.error().empty()) << d.error();
+  EXPECT_EQ(frames, 1337);
+  const kovane_replay::Nv21Image crop = firstFrame(640, 360, ClipDecoder::FIT_CROP);
+  const kovane_replay::Nv21Image box = firstFrame(640, 360, ClipDecoder::FIT_LETTERBOX);
+  ASSERT_TRUE(full.width == 640 && crop.width == 640 && box.width == 640);
+  // The crop is the middle band of the 640x480 frame.
+  double diff = 0;
+  for (int y = 0; y < 360; ++y)
+    for (int x = 0; x < 640; ++x) diff += std::abs(crop.y()[y * 640 + x] - full.y()[(y + 60) * 640 + x]);
+  EXPECT_LT(diff / (640.0 * 360), 1.5);
+  EXPECT_NEAR(meanRect(box, 0, 0, 70, 360), 16.0, 0.5);
+  EXPECT_NEAR(meanRect(box, 570, 0, 70, 360), 16.0, 0.5);
+  EXPECT_GT(std::abs(meanRect(box, 100, 0, 440, 360) - 16.0), 20.0);
+
+  // --fps overrides the time line.
+  d.open(clip);
+  d.overrideFps(10.0);
+  ASSERT_TRUE(d.next(f));
+  ASSERT_TRUE(d.next(f));
+  EXPECT_EQ(f.ptsUs, 100000);
+}
+
+TEST(ClipDecoder, RejectsMissingAndUndecodableFilesAndBadSizes) {
+  ClipDecoder d;
+  EXPECT_FALSE(d.open("/nonexistent/clip.mp4"));
+  EXPECT_NE(d.error().find("/nonexistent/clip.mp4"), std::string::npos);
+  const kovane_test::TempFile notAClip;
+  ASSERT_EQ(write(notAClip.fd, "this is not a video\n", 20), 20);
+  EXPECT_FALSE(d.open(notAClip.path));
+  EXPECT_FALSE(d.error().empty());
+  ClipFrame f;
+  EXPECT_FALSE(d.next(f));
+
+  ASSERT_TRUE(d.open(kovane_test::testDataPath(kClipB)));
+  EXPECT_FALSE(d.setOutput(641, 480, ClipDecoder::FIT_CROP));
+  EXPECT_FALSE(d.setOutput(8, 8, ClipDecoder::FIT_CROP));
+  EXPECT_TRUE(d.setOutput(640, 480, ClipDecoder::FIT_CROP));
+}
+
+// A picture written as JPEG reads back as the same picture, within coding loss.
+TEST(JpegWriter, EncodesAFrameThatDecodesToTheSamePicture) {
+  std::string error;
+  ClipDecoder d;
+  ASSERT_TRUE(d.open(kovane_test::testDataPath("cockatoo_1280x720_20fps.mp4")));
+  ClipFrame f;
+  ASSERT_TRUE(d.next(f));
+  std::vector<uint8_t> jpeg;
+  ASSERT_TRUE(JpegWriter::encode(f.image, 90, jpeg, &error)) << error;
+  EXPECT_EQ(jpeg[0], 0xFF);
+  EXPECT_EQ(jpeg[1], 0xD8);
+  int w = 0, h = 0;
+  std::vector<uint8_t> grey;
+  ASSERT_TRUE(decodeGrey(jpeg, w, h, grey));
+  ASSERT_EQ(w, 1280);
+  ASSERT_EQ(h, 720);
+  double err = 0;
+  for (size_t i = 0; i < grey.size(); ++i) err += std::abs(grey[i] - f.image.y()[i]);
+  EXPECT_LT(err / grey.size(), 3.0);
+  EXPECT_NEAR(meanOf(grey.data(), grey.size()), meanOf(f.image.y(), grey.size()), 1.0);
+
+  kovane_replay::Nv21Image empty;
+  EXPECT_FALSE(JpegWriter::encode(empty, 90, jpeg, &error));
+  EXPECT_FALSE(JpegWriter::write(f.image, "/nonexistent/dir/x.jpg", 90, &error));
+  EXPECT_FALSE(decodeGrey({1, 2, 3}, w, h, grey));
+}
+
 TEST(MotionPhoto, EmbedsTheClipSoThatPictureAndClipBothStillRead) {
-  TempDir dir;
-  ASSERT_FALSE(dir.path.empty());
-  const std::string jpegPath = dir / "final.jpg", outPath = dir / "motion.jpg";
+  kovane_replay_test::TempDir dir;
+  ASSERT_FALSE(dir.path().empty());
+  const std::string jpegPath = dir.file("final.jpg"), outPath = dir.file("motion.jpg");
   const std::string clipPath = kovane_test::testDataPath(kClipA);
   ASSERT_FALSE(clipPath.empty());
-  const std::vector<uint8_t> jpeg = cockatooJpeg(jpegPath), mp4 = readAll(clipPath);
+  const std::vector<uint8_t> jpeg = cockatooJpeg(jpegPath), mp4 = readBytes(clipPath);
   ASSERT_GT(jpeg.size(), 1000u);
 
   std::string error;
   ASSERT_TRUE(MotionPhoto::write(jpegPath, clipPath, 1200000, outPath, &error)) << error;
-  const std::vector<uint8_t> file = readAll(outPath);
+  const std::vector<uint8_t> file = readBytes(outPath);
   std::vector<uint8_t> inMemory;
   ASSERT_TRUE(MotionPhoto::compose(jpeg, mp4, 1200000, inMemory, &error)) << error;
   EXPECT_TRUE(inMemory == file);
@@ -170,8 +270,8 @@ TEST(MotionPhoto, EmbedsTheClipSoThatPictureAndClipBothStillRead) {
   // libjpeg reads the same picture from the whole file, trailing clip and all.
   int w = 0, h = 0, w0 = 0, h0 = 0;
   std::vector<uint8_t> grey, grey0;
-  ASSERT_TRUE(kovane_replay_test::decodeGrey(file, w, h, grey));
-  ASSERT_TRUE(kovane_replay_test::decodeGrey(jpeg, w0, h0, grey0));
+  ASSERT_TRUE(decodeGrey(file, w, h, grey));
+  ASSERT_TRUE(decodeGrey(jpeg, w0, h0, grey0));
   EXPECT_TRUE(w == 1280 && h == 720 && grey == grey0);
 
   // FFmpeg plays the embedded clip from its offset: every frame, on the original time line.
@@ -182,10 +282,10 @@ TEST(MotionPhoto, EmbedsTheClipSoThatPictureAndClipBothStillRead) {
 
   // A motion photo given as the picture: its XMP is replaced and its old clip dropped.
   const std::string clipB = kovane_test::testDataPath(kClipB);
-  const std::string againPath = dir / "again.jpg";
+  const std::string againPath = dir.file("again.jpg");
   ASSERT_TRUE(MotionPhoto::write(outPath, clipB, -1, againPath, &error)) << error;
-  const std::vector<uint8_t> again = readAll(againPath);
-  const size_t sizeB = readAll(clipB).size();
+  const std::vector<uint8_t> again = readBytes(againPath);
+  const size_t sizeB = readBytes(clipB).size();
   MotionPhoto::Info infoB;
   ASSERT_TRUE(MotionPhoto::parse(againPath, &infoB, &error)) << error;
   EXPECT_EQ(infoB.presentationTimestampUs, -1);
@@ -199,16 +299,16 @@ TEST(MotionPhoto, EmbedsTheClipSoThatPictureAndClipBothStillRead) {
 }
 
 TEST(MotionPhoto, RejectsBadInputsWithAReasonAndWritesNothing) {
-  TempDir dir;
-  ASSERT_FALSE(dir.path.empty());
-  const std::string jpegPath = dir / "final.jpg", outPath = dir / "motion.jpg";
+  kovane_replay_test::TempDir dir;
+  ASSERT_FALSE(dir.path().empty());
+  const std::string jpegPath = dir.file("final.jpg"), outPath = dir.file("motion.jpg");
   const std::string clipPath = kovane_test::testDataPath(kClipA);
-  const std::vector<uint8_t> jpeg = cockatooJpeg(jpegPath), mp4 = readAll(clipPath);
+  const std::vector<uint8_t> jpeg = cockatooJpeg(jpegPath), mp4 = readBytes(clipPath);
   ASSERT_FALSE(mp4.empty());
-  writeAll(dir / "no_eoi.jpg", std::vector<uint8_t>(jpeg.begin(), jpeg.begin() + jpeg.size() / 2));
-  writeAll(dir / "empty.mp4", {});
-  writeAll(dir / "cut.mp4", std::vector<uint8_t>(mp4.begin(), mp4.begin() + 100000));
-  writeAll(outPath, {'o', 'l', 'd'});
+  writeBytes(dir.file("no_eoi.jpg"), std::vector<uint8_t>(jpeg.begin(), jpeg.begin() + jpeg.size() / 2));
+  writeBytes(dir.file("empty.mp4"), {});
+  writeBytes(dir.file("cut.mp4"), std::vector<uint8_t>(mp4.begin(), mp4.begin() + 100000));
+  writeBytes(outPath, {'o', 'l', 'd'});
   const std::vector<std::string> inputs = dir.names();
 
   struct Case {
@@ -217,14 +317,14 @@ TEST(MotionPhoto, RejectsBadInputsWithAReasonAndWritesNothing) {
     std::string out, mentions;
   };
   const std::vector<Case> cases = {
-      {dir / "absent.jpg", clipPath, 0, outPath, "absent.jpg"},
+      {dir.file("absent.jpg"), clipPath, 0, outPath, "absent.jpg"},
       {clipPath, clipPath, 0, outPath, "SOI"},                  // an MP4 is no JPEG
-      {dir / "no_eoi.jpg", clipPath, 0, outPath, "EOI"},
-      {jpegPath, dir / "empty.mp4", 0, outPath, "empty"},
+      {dir.file("no_eoi.jpg"), clipPath, 0, outPath, "EOI"},
+      {jpegPath, dir.file("empty.mp4"), 0, outPath, "empty"},
       {jpegPath, jpegPath, 0, outPath, "ftyp"},                 // a JPEG is no MP4
-      {jpegPath, dir / "cut.mp4", 0, outPath, "truncated"},
+      {jpegPath, dir.file("cut.mp4"), 0, outPath, "truncated"},
       {jpegPath, clipPath, -2, outPath, "timestamp"},
-      {jpegPath, clipPath, 0, dir / "no/such/dir/motion.jpg", "no/such/dir"},
+      {jpegPath, clipPath, 0, dir.file("no/such/dir/motion.jpg"), "no/such/dir"},
   };
   for (const Case& c : cases) {
     std::string error;
@@ -232,7 +332,7 @@ TEST(MotionPhoto, RejectsBadInputsWithAReasonAndWritesNothing) {
     EXPECT_NE(error.find(c.mentions), std::string::npos) << error;
     EXPECT_EQ(error.find('\n'), std::string::npos) << error;
   }
-  EXPECT_EQ(readAll(outPath), (std::vector<uint8_t>{'o', 'l', 'd'}));
+  EXPECT_EQ(readBytes(outPath), (std::vector<uint8_t>{'o', 'l', 'd'}));
   EXPECT_EQ(dir.names(), inputs);
 
   // Reading back refuses a plain JPEG and files whose end no longer matches the directory.
