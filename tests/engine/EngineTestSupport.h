@@ -131,7 +131,6 @@ class SimulatedCamera {
 
   size_t zslOut() { return locked([&] { return mOut.size(); }); }
   bool isOut(void* buffer) { return locked([&] { return mOut.count(static_cast<uint8_t*>(buffer)) != 0; }); }
-  int doubleReturns() { return locked([&] { return mDoubleReturns; }); }
   std::vector<std::vector<uint8_t>> statistics() { return locked([&] { return mStatistics; }); }
   std::vector<Event> events() { return locked([&] { return mEvents; }); }
   // Faults found in the best-shot records received (see checkBestShotRecordLocked).
@@ -147,7 +146,7 @@ class SimulatedCamera {
   // Every buffer lent came back, none twice.
   void expectAllReturned() {
     EXPECT_EQ(zslOut(), 0u);
-    EXPECT_EQ(doubleReturns(), 0);
+    EXPECT_EQ(locked([&] { return mDoubleReturns; }), 0);
   }
 
   bool movingSubject = false;
@@ -207,15 +206,12 @@ class SimulatedCamera {
     if (r->zslBuffer != nullptr && mOut.count(static_cast<uint8_t*>(r->zslBuffer)) == 0) {
       fault("ZSL buffer not one the engine holds");
     }
+    auto differs = [](const void* got, size_t size, const void* want, size_t wantSize) {
+      return size != wantSize || got == nullptr || memcmp(got, want, wantSize) != 0;
+    };
     static const uint8_t kConfig[16] = {1, 2, 3};
-    if (r->configSize != sizeof(kConfig) || r->configData == nullptr ||
-        memcmp(r->configData, kConfig, sizeof(kConfig)) != 0) {
-      fault("configuration differs");
-    }
-    if (r->metaSize != sizeof(mMetaBytes) || r->metaData == nullptr ||
-        memcmp(r->metaData, mMetaBytes, sizeof(mMetaBytes)) != 0) {
-      fault("metadata differs");
-    }
+    if (differs(r->configData, r->configSize, kConfig, sizeof(kConfig))) fault("configuration differs");
+    if (differs(r->metaData, r->metaSize, mMetaBytes, sizeof(mMetaBytes))) fault("metadata differs");
     if (r->yPlane == nullptr || r->width != 640 || r->height != 360 || r->stride != 640 ||
         r->uPlane != r->yPlane + 640 * 360 || r->vPlane != r->uPlane + 320 * 180 ||
         r->chromaWidth != 320 || r->chromaHeight != 180 || r->chromaStride != 320) {

@@ -11,7 +11,6 @@
 #include "EngineTestSupport.h"
 #include "KoFrameDataCreate.h"
 #include "StderrCapture.h"
-#include "TestWait.h"
 
 using namespace android;
 using kovane_test::withForeground;
@@ -22,6 +21,34 @@ sp<AMessage> stamped(int64_t ageUs) {
   sp<AMessage> msg = new AMessage(KoEngineFg::kWhatLate, 0);
   msg->setInt64("system_time", systemTime(SYSTEM_TIME_MONOTONIC) / 1000 - ageUs);
   return msg;
+}
+
+// 16 frames with ids from firstId to lastId, spread over spanUs.
+KoFrameHist* historyOf(uint32_t firstId, uint32_t lastId, int64_t spanUs) {
+  KoFrameHist* hist = new KoFrameHist();
+  const uint32_t n = 16;
+  for (uint32_t i = 0; i < n; ++i) {
+    sp<KoFrameData> f = new KoFrameData();
+    f->mFrameId = firstId + (lastId - firstId) * i / (n - 1);
+    f->mTimestamp = 5000000 + spanUs * i / (n - 1);
+    hist->addFrameData(f);
+  }
+  return hist;
+}
+
+// Threads of this process named as the foreground looper names its thread.
+int foregroundThreads() {
+  int n = 0;
+  DIR* dir = opendir("/proc/self/task");
+  if (dir == nullptr) return -1;
+  while (const dirent* e = readdir(dir)) {
+    if (e->d_name[0] == '.') continue;
+    std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
+    std::string name;
+    if (std::getline(comm, name) && name == "KoEngineFg") ++n;
+  }
+  closedir(dir);
+  return n;
 }
 
 // An engine without a camera, its foreground handler's rules run between two messages.
@@ -53,22 +80,6 @@ TEST_F(KoEngineFgRules, LateModeHysteresis) {
     EXPECT_FALSE(fg->isLateMode());
   });
 }
-
-namespace {
-
-KoFrameHist* historyOf(uint32_t firstId, uint32_t lastId, int64_t spanUs) {
-  KoFrameHist* hist = new KoFrameHist();
-  const uint32_t n = 16;
-  for (uint32_t i = 0; i < n; ++i) {
-    sp<KoFrameData> f = new KoFrameData();
-    f->mFrameId = firstId + (lastId - firstId) * i / (n - 1);
-    f->mTimestamp = 5000000 + spanUs * i / (n - 1);
-    hist->addFrameData(f);
-  }
-  return hist;
-}
-
-}  // namespace
 
 TEST_F(KoEngineFgRules, FrameRateAndLowFpsMode) {
   run([](KoEngineFg* fg) {
@@ -156,23 +167,6 @@ TEST_F(KoEngineFgRules, StatisticsOnRealFramesAndMotionCadence) {
     EXPECT_FALSE(broken->hasEvents(KoFrameData::EVENT_STATS));
   });
 }
-
-namespace {
-// Threads of this process named as the foreground looper names its thread.
-int foregroundThreads() {
-  int n = 0;
-  DIR* dir = opendir("/proc/self/task");
-  if (dir == nullptr) return -1;
-  while (const dirent* e = readdir(dir)) {
-    if (e->d_name[0] == '.') continue;
-    std::ifstream comm(std::string("/proc/self/task/") + e->d_name + "/comm");
-    std::string name;
-    if (std::getline(comm, name) && name == "KoEngineFg") ++n;
-  }
-  closedir(dir);
-  return n;
-}
-}  // namespace
 
 TEST_F(KoEngineFgRules, DroppedWithoutDeinitStillStopsItsLooper) {
   ASSERT_TRUE(kovane_test::waitUntil([] { return foregroundThreads() == 1; }));

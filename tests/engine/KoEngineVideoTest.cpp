@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <map>
@@ -21,21 +20,19 @@
 using namespace android;
 using kovane_test::SimulatedCamera;
 using kovane_test::picture;
-using kovane_test::post;
 using kovane_test::waitUntil;
 
 namespace {
 
 using Event = SimulatedCamera::Event;
-
 using kovane_test::TempFile;
 
 // An engine on a simulated camera that hands frames over at the engine's pace and keeps a copy
 // of every 640x360 frame the engine fed its clip encoder, by stamp.
 class VideoRun {
  public:
-  explicit VideoRun(bool videoEnable = true) {
-    KO_KoEngineConfig_t config = {true, videoEnable, true};
+  VideoRun() {
+    KO_KoEngineConfig_t config = {true, true, true};
     cam.movingSubject = true;  // a scene worth a clip
     engine = new KoEngine(&cam, &config);
     cam.attach(engine);

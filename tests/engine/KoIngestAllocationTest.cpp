@@ -28,10 +28,9 @@ thread_local size_t tFirstSizes[8];
 
 #if KOVANE_ALLOC_HOOKS
 namespace {
-void noteAllocation(size_t bytes) {
-  if (!tCounting) return;
-  if (tAllocations < 8) tFirstSizes[tAllocations] = bytes;
-  ++tAllocations;
+void* noted(size_t bytes, void* p) {
+  if (tCounting && tAllocations++ < 8) tFirstSizes[tAllocations - 1] = bytes;
+  return p;
 }
 }  // namespace
 
@@ -42,29 +41,13 @@ void* __libc_realloc(void*, size_t);
 void* __libc_memalign(size_t, size_t);
 void __libc_free(void*);
 
-void* malloc(size_t bytes) {
-  noteAllocation(bytes);
-  return __libc_malloc(bytes);
-}
-void* calloc(size_t n, size_t bytes) {
-  noteAllocation(n * bytes);
-  return __libc_calloc(n, bytes);
-}
-void* realloc(void* p, size_t bytes) {
-  noteAllocation(bytes);
-  return __libc_realloc(p, bytes);
-}
-void* memalign(size_t alignment, size_t bytes) {
-  noteAllocation(bytes);
-  return __libc_memalign(alignment, bytes);
-}
-void* aligned_alloc(size_t alignment, size_t bytes) {
-  noteAllocation(bytes);
-  return __libc_memalign(alignment, bytes);
-}
+void* malloc(size_t bytes) { return noted(bytes, __libc_malloc(bytes)); }
+void* calloc(size_t n, size_t bytes) { return noted(n * bytes, __libc_calloc(n, bytes)); }
+void* realloc(void* p, size_t bytes) { return noted(bytes, __libc_realloc(p, bytes)); }
+void* memalign(size_t alignment, size_t bytes) { return noted(bytes, __libc_memalign(alignment, bytes)); }
+void* aligned_alloc(size_t alignment, size_t bytes) { return noted(bytes, __libc_memalign(alignment, bytes)); }
 int posix_memalign(void** out, size_t alignment, size_t bytes) {
-  noteAllocation(bytes);
-  void* p = __libc_memalign(alignment, bytes);
+  void* p = noted(bytes, __libc_memalign(alignment, bytes));
   if (p == nullptr) return ENOMEM;
   *out = p;
   return 0;

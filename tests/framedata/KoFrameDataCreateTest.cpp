@@ -2,7 +2,6 @@
 // size path, camera values, motion-sensor samples, face and ZSL records, and bad input.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <iterator>
 #include <thread>
 
@@ -21,9 +20,7 @@ namespace {
 
 // A camera frame: NV21 with the given luma and chroma strides, cut from a larger NV21 picture.
 struct CameraFrame {
-  int width = 0;
-  int height = 0;
-  int stride = 0;
+  int width = 0, height = 0, stride = 0;
   std::vector<uint8_t> bytes;
   KO_cam_frame_len_offset_t planes = {};
   KO_PreviewFrameData_t preview = {};
@@ -34,35 +31,35 @@ struct CameraFrame {
 
 CameraFrame cut(const std::vector<uint8_t>& src, int srcW, int srcH, int x0, int y0, int w, int h,
                 int stride) {
-  CameraFrame f;
-  f.width = w;
-  f.height = h;
-  f.stride = stride;
+  CameraFrame f{w, h, stride, {}, {}, {}};
   f.bytes.assign(static_cast<size_t>(stride) * h * 3 / 2, 0xEE);  // padding is never read
   const uint8_t* srcUV = src.data() + static_cast<size_t>(srcW) * srcH;
-  for (int y = 0; y < h; ++y) memcpy(&f.bytes[static_cast<size_t>(y) * stride], &src[static_cast<size_t>(y0 + y) * srcW + x0], w);
   uint8_t* uv = f.bytes.data() + static_cast<size_t>(stride) * h;
-  for (int y = 0; y < h / 2; ++y)
-    memcpy(uv + static_cast<size_t>(y) * stride, srcUV + static_cast<size_t>(y0 / 2 + y) * srcW + (x0 / 2) * 2, w);
-  // The group photograph is almost grey, so U and V would be alike; inverting V keeps the
-  // picture's structure and makes a swap of the two planes visible.
-  for (int y = 0; y < h / 2; ++y)
-    for (int x = 0; x < w; x += 2) uv[static_cast<size_t>(y) * stride + x] = static_cast<uint8_t>(255 - uv[static_cast<size_t>(y) * stride + x]);
+  for (int y = 0; y < h; ++y) {
+    memcpy(&f.bytes[static_cast<size_t>(y) * stride], &src[static_cast<size_t>(y0 + y) * srcW + x0], w);
+    if (y >= h / 2) continue;
+    uint8_t* row = uv + static_cast<size_t>(y) * stride;
+    memcpy(row, srcUV + static_cast<size_t>(y0 / 2 + y) * srcW + (x0 / 2) * 2, w);
+    // The group photograph is almost grey, so U and V would be alike; inverting V keeps the
+    // picture's structure and makes a swap of the two planes visible.
+    for (int x = 0; x < w; x += 2) row[x] = static_cast<uint8_t>(255 - row[x]);
+  }
   f.planes.numPlanes = 2;
   f.planes.mp[0] = {stride * h, 0, stride, h};
   f.planes.mp[1] = {stride * h / 2, 0, stride, h / 2};
   f.planes.frameLen = static_cast<uint32_t>(f.bytes.size());
-  f.preview.timeStamp = 123456789;
-  f.preview.frameId = 42;
-  f.preview.streamType = KO_STREAM_TYPE_PREVIEW;
-  f.preview.width = w;
-  f.preview.height = h;
-  f.preview.data = f.bytes.data();
-  f.preview.colorFormat = KO_COLOR_FORMAT_NV21;
-  f.preview.planes = &f.planes;
-  f.preview.zoom = 3;
-  f.preview.orientation = 90;
-  f.preview.cafState = 4;
+  KO_PreviewFrameData_t& p = f.preview;
+  p.timeStamp = 123456789;
+  p.frameId = 42;
+  p.streamType = KO_STREAM_TYPE_PREVIEW;
+  p.width = w;
+  p.height = h;
+  p.data = f.bytes.data();
+  p.colorFormat = KO_COLOR_FORMAT_NV21;
+  p.planes = &f.planes;
+  p.zoom = 3;
+  p.orientation = 90;
+  p.cafState = 4;
   return f;
 }
 
@@ -72,9 +69,7 @@ void expectMatchesReference(const CameraFrame& cam, const sp<KoFrameData>& frame
   using platform_test::areaReference;
   const int w = static_cast<int>(frame->mWidth), h = static_cast<int>(frame->mHeight);
   const int cw = cam.width / 2, ch = cam.height / 2;
-  const uint8_t* out = frame->mDownscaledImage->data();
-  const uint8_t* planeA = out + w * h;
-  const uint8_t* planeB = planeA + (w / 2) * (h / 2);
+  const uint8_t *out = frame->mDownscaledImage->data(), *planeA = out + w * h, *planeB = planeA + (w / 2) * (h / 2);
   auto diff = [&](const uint8_t* got, const std::vector<double>& ref, int dw, int dh) {
     return platform_test::diffTo(got, dw, 1, ref, dw, dh);
   };
@@ -226,7 +221,7 @@ TEST_F(FrameCreation, BadInputLosesTheFrameWithoutCrashing) {
   EXPECT_EQ(frame->mAnalysisImage, nullptr);
 }
 
-TEST_F(FrameCreation, FacesAndZslRecords) {
+TEST_F(FrameCreation, FacesAndZslRecordsAtMostSevenBuffersEachReturnedOnce) {
   TestEngineContext engine;
   KoFrameDataCreate factory(&engine);
   sp<KoFaceMetaData> face;
@@ -245,18 +240,32 @@ TEST_F(FrameCreation, FacesAndZslRecords) {
   EXPECT_EQ(face->mFaceData.record.reserved, 0x5A5A);
   EXPECT_EQ(face->mFaceData.numBlinkedPredicted, 0);
 
-  std::vector<sp<KoMemoryBuffer>> held;
+  // At most seven ZSL buffers out; each goes back to the camera exactly once.
+  std::vector<sp<KoMemoryBuffer>> held(7);
   for (uintptr_t i = 0; i < 7; ++i) {
     KO_ZslFrameData_t zsl = {kovane_test::zslAddress(i), static_cast<uint32_t>(i)};
-    sp<KoMemoryBuffer> buffer;
-    ASSERT_EQ(factory.newZslFrame(&zsl, buffer), 0);
-    ASSERT_NE(buffer, nullptr);
-    held.push_back(buffer);
+    ASSERT_EQ(factory.newZslFrame(&zsl, held[i]), 0);
+    ASSERT_NE(held[i], nullptr);
+    EXPECT_EQ(held[i]->address(), kovane_test::zslAddress(i));
   }
+  EXPECT_EQ(engine.memory()->count(), 7u);
   KO_ZslFrameData_t eighth = {kovane_test::zslAddress(7), 7};
   sp<KoMemoryBuffer> out = held[2];
   EXPECT_EQ(factory.newZslFrame(&eighth, out), 0);
   EXPECT_EQ(out, held[2]);  // refused: the reference stays as it was
+  EXPECT_FALSE(engine.memory()->addZslBuffer(kovane_test::zslAddress(7), &out));
+  EXPECT_EQ(out, held[2]);
+  EXPECT_TRUE(engine.returned().empty());
+
+  held.erase(held.begin() + 3);  // the last reference goes: the buffer is handed back
+  EXPECT_EQ(engine.returned(), std::vector<void*>{kovane_test::zslAddress(3)});
+  EXPECT_EQ(engine.memory()->count(), 6u);
+  held.push_back(kovane_test::lendZsl(engine, 8));
+  held.clear();
+  out.clear();
+  for (uintptr_t i : {0, 1, 2, 3, 4, 5, 6, 8}) EXPECT_EQ(engine.timesReturned(kovane_test::zslAddress(i)), 1u) << i;
+  EXPECT_EQ(engine.timesReturned(kovane_test::zslAddress(7)), 0u);
+  EXPECT_EQ(engine.memory()->count(), 0u);
 }
 
 TEST_F(FrameCreation, SensorSamplesAreTheNewestAndRepeatWhenNothingArrives) {

@@ -42,8 +42,7 @@ TEST(KoUtilsScaler, FactorsSelectTheKernel) {
                          {640, 360, 1920, 1088, kGeneric}, {640, 360, 1920, 720, kGeneric},
                          {640, 480, 1440, 1089, kGeneric}, {320, 240, 960, 720, k3x}};
   for (const Sizes& c : cases) {
-    SCOPED_TRACE(std::to_string(c.sw) + "x" + std::to_string(c.sh) + " -> " + std::to_string(c.dw) +
-                 "x" + std::to_string(c.dh));
+    SCOPED_TRACE(testing::Message() << c.sw << "x" << c.sh << " -> " << c.dw << "x" << c.dh);
     const int ss = c.sw + 8;
     const std::vector<uint8_t> u = lumaCrop("cockatoo_f005_1280x720.nv21", c.sw, c.sh, ss);
     const std::vector<uint8_t> v = lumaCrop("cockatoo_f160_1280x720.nv21", c.sw, c.sh, ss);
@@ -58,19 +57,13 @@ TEST(KoUtilsScaler, FactorsSelectTheKernel) {
       if (bytes == 1) {
         ASSERT_EQ(0, LumaBiScaler(pu, utils.data(), c.sw, c.sh, ss, c.dw, c.dh, ds));
         ASSERT_EQ(0, D::lumaBiScalerGeneric(pu, g, c.sw, c.sh, ss, c.dw, c.dh, ds));
-        if (c.kernel == k3x) {
-          specialResult = D::lumaBiUpScaler3x(pu, sp, ss, c.dw, c.dh, ds);
-        } else if (c.kernel == k225x) {
-          specialResult = D::lumaBiUpScaler225x(pu, sp, c.sh, ss, c.dw, c.dh, ds);
-        }
+        if (c.kernel == k3x) specialResult = D::lumaBiUpScaler3x(pu, sp, ss, c.dw, c.dh, ds);
+        if (c.kernel == k225x) specialResult = D::lumaBiUpScaler225x(pu, sp, c.sh, ss, c.dw, c.dh, ds);
       } else {
         ASSERT_EQ(0, ChromaBiScaler(pu, pv, utils.data(), c.sw, c.sh, c.dw, c.dh, ss, ds));
         ASSERT_EQ(0, D::chromaBiScalerGeneric(pu, pv, g, c.sw, c.sh, c.dw, c.dh, ss, ds));
-        if (c.kernel == k3x) {
-          specialResult = D::chromaBiUpScaler3x(pu, pv, sp, c.dw, c.dh, ss, ds);
-        } else if (c.kernel == k225x) {
-          specialResult = D::chromaBiUpScaler225x(pu, pv, sp, c.sh, c.dw, c.dh, ss, ds);
-        }
+        if (c.kernel == k3x) specialResult = D::chromaBiUpScaler3x(pu, pv, sp, c.dw, c.dh, ss, ds);
+        if (c.kernel == k225x) specialResult = D::chromaBiUpScaler225x(pu, pv, sp, c.sh, c.dw, c.dh, ss, ds);
       }
       ASSERT_EQ(0, specialResult);
       if (c.kernel == kGeneric) {
@@ -101,13 +94,11 @@ TEST(KoUtilsScaler, InterleavingAndErrorsPassThrough) {
   EXPECT_EQ(expected, by16);
 
   std::vector<uint8_t> out(1440 * 1080 * 2, 9);
-  EXPECT_EQ(D::SCALE_ERR_STRIDE,
-            LumaBiScaler(u.data(), out.data(), 640, 360, 640, 1920, 1080, 1900));
+  EXPECT_EQ(D::SCALE_ERR_STRIDE, LumaBiScaler(u.data(), out.data(), 640, 360, 640, 1920, 1080, 1900));
   EXPECT_EQ(D::SCALE_ERR_SIZE, LumaBiScaler(u.data(), out.data(), 0, 360, 640, 1920, 1080, 1920));
   EXPECT_EQ(D::SCALE_ERR_STRIDE,
             ChromaBiScaler(u.data(), v.data(), out.data(), 640, 480, 1440, 1080, 640, 1440));
-  EXPECT_EQ(D::SCALE_ERR_NULL,
-            ChromaPlanerToSemi16Neon(u.data(), nullptr, out.data(), 9, 1, 9, 18));
+  EXPECT_EQ(D::SCALE_ERR_NULL, ChromaPlanerToSemi16Neon(u.data(), nullptr, out.data(), 9, 1, 9, 18));
   EXPECT_EQ(out.size(), static_cast<size_t>(std::count(out.begin(), out.end(), 9)));
 }
 

@@ -3,17 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <map>
 #include <memory>
+#include <numeric>
 #include <thread>
 #include <vector>
 
-#include "KoEngineContext.h"
+#include "../framedata/FrameTestSupport.h"
 #include "KoFaceIdBasedData.h"
-#include "KoFrameData.h"
 #include "KoFrameHist.h"
 #include "KoFrameHistSnapshot.h"
-#include "KoMemory.h"
 #include "KoMemoryBuffer.h"
 #include "KoSequenceQueue.h"
 
@@ -24,22 +22,17 @@ namespace {
 constexpr int kDelay = 6;
 
 // Time stamp of frame id `id`: 33 ms apart, in microseconds.
-int64_t frameTs(uint32_t id) { return 1000000 + static_cast<int64_t>(id) * 33000; }
+int64_t frameTs(int64_t id) { return 1000000 + id * 33000; }
 
 void addFrame(KoFrameHist& hist, uint32_t id) {
-  sp<KoFrameData> frame = new KoFrameData();
-  frame->mFrameId = id;
-  frame->mTimestamp = frameTs(id);
+  sp<KoFrameData> frame = kovane_test::makeFrame(id, frameTs(id));
   hist.addFrameData(frame);
 }
 
-void newSeq(KoSequenceQueue& queue, int jobId, int frameId, int64_t ts,
-            const sp<ABuffer>& config = nullptr) {
-  queue.newSequence(jobId, ts, frameId, 90, 11, 12, config, true, false, KO_timespec_t{0, 0}, false);
-}
-
-void newSeq(KoSequenceQueue& queue, int jobId, int frameId) {
-  newSeq(queue, jobId, frameId, frameTs(static_cast<uint32_t>(frameId)));
+// A sequence of `jobId` for frame `frameId`, at that frame's time stamp unless `ts` is given.
+void newSeq(KoSequenceQueue& queue, int jobId, int frameId, int64_t ts = -1, const sp<ABuffer>& config = nullptr) {
+  queue.newSequence(jobId, ts < 0 ? frameTs(frameId) : ts, frameId, 90, 11, 12, config, true, false,
+                    KO_timespec_t{0, 0}, false);
 }
 
 std::vector<uint32_t> snapshotIds(const KoFrameHistSnapshot* snap) {
@@ -49,8 +42,8 @@ std::vector<uint32_t> snapshotIds(const KoFrameHistSnapshot* snap) {
 }
 
 std::vector<uint32_t> idRange(uint32_t first, uint32_t last) {
-  std::vector<uint32_t> ids;
-  for (uint32_t id = first; id <= last; ++id) ids.push_back(id);
+  std::vector<uint32_t> ids(last - first + 1);
+  std::iota(ids.begin(), ids.end(), first);
   return ids;
 }
 
@@ -65,14 +58,12 @@ class CountingFaceIdData : public KoFaceIdBasedData {
   int* mDeleted;
 };
 
-// ---- Countdown and freezing ----------------------------------------------------------------
-
+// A live history of frames 1..10 and a queue that freezes `kDelay` frames after the shutter.
 class KoSequenceQueueCountdown : public ::testing::Test {
  protected:
   KoSequenceQueueCountdown() : queue(kDelay) {
     for (uint32_t id = 1; id <= 10; ++id) addFrame(hist, id);
   }
-
   // Adds the next preview frame and runs the queue as the foreground does on a preview frame.
   std::vector<int> previewFrame(uint32_t id) {
     addFrame(hist, id);
@@ -80,7 +71,6 @@ class KoSequenceQueueCountdown : public ::testing::Test {
     queue.maintainQueue(&hist, ready);
     return toStd(ready);
   }
-
   void requestProcessing(std::initializer_list<int> jobs) {
     for (int job : jobs) queue.setProcessField(job, KO_SEQ_PROCESS_REQUESTED);
   }
@@ -94,8 +84,8 @@ TEST_F(KoSequenceQueueCountdown, FrozenAfterDelayFramesAndReadableAfterTheLiveHi
   requestProcessing({1});
   KoSequenceData* seq = queue.getSequence(1);
   for (uint32_t id = 11; id <= 16; ++id) {
-    EXPECT_TRUE(previewFrame(id).empty()) << "frame " << id;
-    EXPECT_EQ(nullptr, seq->mSnapshot) << "frame " << id;
+    EXPECT_TRUE(previewFrame(id).empty()) << id;
+    EXPECT_EQ(nullptr, seq->mSnapshot) << id;
   }
   EXPECT_EQ(std::vector<int>({1}), previewFrame(17));
   EXPECT_EQ(KO_SEQ_STAGE_MASK, queue.getProcessField(1));
@@ -107,7 +97,7 @@ TEST_F(KoSequenceQueueCountdown, FrozenAfterDelayFramesAndReadableAfterTheLiveHi
 
   // The live history rolls on and drops every frame the snapshot holds; nothing is dispatched
   // twice and the snapshot neither grows nor loses frames.
-  for (uint32_t id = 18; id <= 60; ++id) EXPECT_TRUE(previewFrame(id).empty()) << "frame " << id;
+  for (uint32_t id = 18; id <= 60; ++id) EXPECT_TRUE(previewFrame(id).empty()) << id;
   sp<KoFrameData> frame;
   hist.getItemWithFrameId(10, frame);
   EXPECT_EQ(nullptr, frame.get());
@@ -141,7 +131,7 @@ TEST_F(KoSequenceQueueCountdown, FrameIdGapsCountdownAndQueueOrder) {
   EXPECT_EQ(KO_SEQ_HISTORY_TAKEN, queue.getProcessField(5)) << "frozen, but not ready";
   KoFrameHistSnapshot* snap5 = queue.getSequence(5)->mSnapshot;
 
-  for (uint32_t id = 18; id <= 20; ++id) EXPECT_TRUE(previewFrame(id).empty()) << "frame " << id;
+  for (uint32_t id = 18; id <= 20; ++id) EXPECT_TRUE(previewFrame(id).empty()) << id;
   requestProcessing({5});
   EXPECT_EQ(std::vector<int>({9, 5}), previewFrame(21));
   KoSequenceData* late = queue.getSequence(9);
@@ -179,8 +169,7 @@ TEST(KoSequenceQueueFreeze, CapturedFrameResolution) {
     int id;
     int64_t ts;
     uint32_t frames;
-    int index;
-    int resolvedId;
+    int index, resolvedId;
     int64_t resolvedTs;
   } cases[] = {
       {23, 777, 8, 3, 23, 777},  // by id: keeps its own time stamp
@@ -206,8 +195,6 @@ TEST(KoSequenceQueueFreeze, CapturedFrameResolution) {
     EXPECT_EQ(static_cast<int>(19 + c.frames), seq->mLastFrameId);
   }
 }
-
-// ---- Lookups -------------------------------------------------------------------------------
 
 TEST(KoSequenceQueueLookup, UnknownJobsJobIdMinusOneDuplicatesAndMasks) {
   // An empty queue: every lookup misses and every action is a no-op.
@@ -259,10 +246,9 @@ TEST(KoSequenceQueueLookup, UnknownJobsJobIdMinusOneDuplicatesAndMasks) {
   out.push_back(99);
   queue.getSequenceVector(0, out);
   EXPECT_EQ(std::vector<int>({99, -1, 7, 7, 30}), toStd(out));
-  Vector<int> video;
+  Vector<int> video, both;
   queue.getSequenceVector(0x40, video);
   EXPECT_EQ(std::vector<int>({7, 30}), toStd(video)) << "only the first 7 got the bit";
-  Vector<int> both;
   queue.getSequenceVector(0x40 | 0x80, both);
   EXPECT_EQ(std::vector<int>({30}), toStd(both));
 
@@ -313,80 +299,47 @@ TEST(KoSequenceQueueLookup, ProcessBitsFromTwoThreadsAreNotLost) {
   for (int job = 0; job < kJobs; ++job) EXPECT_EQ(0xFFFFFFFFu, queue.getProcessField(job)) << job;
 }
 
-// ---- Ownership of snapshots and ZSL buffers ------------------------------------------------
-
-// Counts every buffer handed back to the camera.
-class ZslCountingContext : public KoEngineContext {
- public:
-  uint32_t featureMask() const override { return 0; }
-  uint32_t sensorMask() const override { return 0; }
-  KoMemory* memory() const override { return mMemory; }
-  void frameDone(void* buffer) override { mReturned[buffer]++; }
-  int returned(void* buffer) { return mReturned[buffer]; }
-
-  KoMemory* mMemory = nullptr;
-  std::map<void*, int> mReturned;
-};
-
-// A live history of frames 1..10 in which frames 3, 5 and 8 carry ZSL buffers, and a queue of
-// delay 0 whose sequences freeze on the next maintainQueue.
-class KoSequenceQueueZsl : public ::testing::Test {
- protected:
-  KoSequenceQueueZsl() : memory(&ctx), hist(new KoFrameHist()), queue(new KoSequenceQueue(0)) {
-    ctx.mMemory = &memory;
-    const uint32_t zslFrames[3] = {3, 5, 8};
-    for (uint32_t id = 1; id <= 10; ++id) addFrame(*hist, id);
-    for (int i = 0; i < 3; ++i) {
-      sp<KoMemoryBuffer> buffer;
-      EXPECT_TRUE(memory.addZslBuffer(buffers[i], &buffer));
-      KO_ZslFrameData_t zsl = {buffers[i], zslFrames[i]};
-      hist->addZslData(buffer, &zsl, zslFrames[i]);
-    }
+// Removal, release and freeing hand each ZSL buffer back once, and destroying the queue frees
+// what is still queued, frozen or not.
+TEST(KoSequenceQueueZsl, RemoveReleaseFreeAndDestroyHandBuffersBackOnce) {
+  kovane_test::TestEngineContext engine;
+  // A live history of frames 1..10 in which frames 3, 5 and 8 carry ZSL buffers, and a queue
+  // of delay 0 whose sequences freeze on the next maintainQueue.
+  auto hist = std::make_unique<KoFrameHist>();
+  auto queue = std::make_unique<KoSequenceQueue>(0);
+  const uint32_t zslFrames[3] = {3, 5, 8};
+  for (uint32_t id = 1; id <= 10; ++id) addFrame(*hist, id);
+  for (uint32_t id : zslFrames) {
+    sp<KoMemoryBuffer> buffer;
+    ASSERT_TRUE(engine.memory()->addZslBuffer(kovane_test::zslAddress(id), &buffer));
+    KO_ZslFrameData_t zsl = {kovane_test::zslAddress(id), id};
+    hist->addZslData(buffer, &zsl, id);
   }
-
-  ~KoSequenceQueueZsl() override {
-    queue.reset();
-    hist.reset();
-  }
-
-  void freezeJob(int jobId) {
+  auto freezeJob = [&](int jobId) {
     newSeq(*queue, jobId, 9);
     Vector<int> ready;
     queue->maintainQueue(hist.get(), ready);
     ASSERT_NE(nullptr, queue->getSequence(jobId)->mSnapshot);
-  }
-
+  };
   // Each buffer is locked by `locks` snapshots (none handed back), or was handed back once.
-  void expectBuffers(int locks) {
-    for (int i = 0; i < 3; ++i) {
+  auto expectBuffers = [&](int locks) {
+    for (uint32_t id : zslFrames) {
       if (locks > 0) {
-        uint32_t status = 0;
         int32_t lockCount = -100;
-        EXPECT_TRUE(memory.getStatus(buffers[i], &status, &lockCount));
-        EXPECT_EQ(locks, lockCount) << "buffer " << i;
+        EXPECT_TRUE(engine.memory()->getStatus(kovane_test::zslAddress(id), nullptr, &lockCount));
+        EXPECT_EQ(locks, lockCount) << id;
       }
-      EXPECT_EQ(locks > 0 ? 0 : 1, ctx.returned(buffers[i])) << "buffer " << i;
+      EXPECT_EQ(locks > 0 ? 0u : 1u, engine.timesReturned(kovane_test::zslAddress(id))) << id;
     }
-  }
+  };
 
-  uint8_t storage[3][16] = {};
-  uint8_t* buffers[3] = {storage[0], storage[1], storage[2]};
-  ZslCountingContext ctx;
-  KoMemory memory;
-  std::unique_ptr<KoFrameHist> hist;
-  std::unique_ptr<KoSequenceQueue> queue;
-};
-
-// Removal, release and freeing hand each buffer back once, and destroying the queue frees
-// what is still queued, frozen or not.
-TEST_F(KoSequenceQueueZsl, RemoveReleaseFreeAndDestroyHandBuffersBackOnce) {
   int faceIdDeleted = 0;
   sp<ABuffer> config = new ABuffer(8);
-  newSeq(*queue, 1, 9, frameTs(9), config);
+  newSeq(*queue, 1, 9, -1, config);
   queue->getSequence(1)->mFaceIdData = new CountingFaceIdData(&faceIdDeleted);
   freezeJob(2);  // freezes job 1 too
   freezeJob(3);
-  newSeq(*queue, 4, 9, frameTs(9), config);  // never frozen: no snapshot to free
+  newSeq(*queue, 4, 9, -1, config);  // never frozen: no snapshot to free
   queue->getSequence(4)->mFaceIdData = new CountingFaceIdData(&faceIdDeleted);
   // The live history goes first: the snapshots now hold the only references.
   hist.reset();
@@ -415,7 +368,7 @@ TEST_F(KoSequenceQueueZsl, RemoveReleaseFreeAndDestroyHandBuffersBackOnce) {
 
   queue.reset();
   expectBuffers(0);
-  EXPECT_EQ(0u, memory.count());
+  EXPECT_EQ(0u, engine.memory()->count());
   EXPECT_EQ(2, faceIdDeleted);
   EXPECT_EQ(1, config->getStrongCount());
 }
