@@ -1,13 +1,19 @@
+// The host message layer: buffers, messages, loopers with their handlers, and the relative
+// timed wait. Thread tests wait for conditions with deadlines.
 #include <gtest/gtest.h>
 
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -17,8 +23,8 @@
 #include "AHandler.h"
 #include "ALooper.h"
 #include "AMessage.h"
-#include "PlatformTestUtil.h"
 #include "TestWait.h"
+#include "pthread_np.h"
 
 using android::ABuffer;
 using android::AHandler;
@@ -28,9 +34,26 @@ using android::RefBase;
 using android::sp;
 using android::wp;
 using kovane_test::waitUntil;
-using platform_test::Counted;
 
 namespace {
+
+// Counts its destructions, to see when references held by messages are released.
+class Counted : public RefBase {
+ public:
+  explicit Counted(std::atomic<int>* destroyed) : mDestroyed(destroyed) {}
+
+ protected:
+  ~Counted() override { mDestroyed->fetch_add(1); }
+
+ private:
+  std::atomic<int>* mDestroyed;
+};
+
+int64_t monotonicNs() {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return int64_t{ts.tv_sec} * 1000000000 + ts.tv_nsec;
+}
 
 pid_t currentTid() { return static_cast<pid_t>(syscall(SYS_gettid)); }
 
@@ -41,8 +64,7 @@ bool threadExists(pid_t tid) {
 
 struct Received {
   uint32_t what;
-  int32_t a;
-  int32_t b;
+  int32_t a, b;
   int64_t atUs;
   std::thread::id thread;
 };
@@ -80,9 +102,7 @@ class RecordingHandler : public AHandler {
 // the thread can be joined), to see that stop() returned after its thread ended.
 struct ThreadExitFlag {
   std::atomic<bool>* flag = nullptr;
-  ~ThreadExitFlag() {
-    if (flag) flag->store(true);
-  }
+  ~ThreadExitFlag() { if (flag) flag->store(true); }
   static void arm(std::atomic<bool>* f) {
     static thread_local ThreadExitFlag onExit;
     onExit.flag = f;
@@ -107,20 +127,143 @@ constexpr int64_t kHourUs = 3600LL * 1000 * 1000;  // not due before the test en
 
 class PlatformALooperTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    looper = new ALooper();
-    handler = new RecordingHandler();
-    id = looper->registerHandler(handler);
-  }
   void TearDown() override {
     if (looper != nullptr) looper->stop();
   }
-  sp<ALooper> looper;
-  sp<RecordingHandler> handler;
-  ALooper::handler_id id = 0;
+  sp<ALooper> looper = new ALooper();
+  sp<RecordingHandler> handler = new RecordingHandler();
+  ALooper::handler_id id = looper->registerHandler(handler);
 };
 
 }  // namespace
+
+TEST(PlatformABufferTest, RangesStayWithinCapacityAndWrappedMemoryStaysTheCallers) {
+  sp<ABuffer> buf = new ABuffer(64);
+  EXPECT_EQ(buf->size(), 64u);
+  EXPECT_EQ(buf->data(), buf->base());
+  for (size_t i = 0; i < 64; ++i) buf->base()[i] = static_cast<uint8_t>(i);  // checked by ASan
+  buf->setRange(10, 20);
+  EXPECT_EQ(buf->offset(), 10u);
+  EXPECT_EQ(buf->size(), 20u);
+  EXPECT_EQ(buf->capacity(), 64u);
+  EXPECT_EQ(buf->data()[0], 10);
+  buf->setRange(64, 0);  // empty range at the very end is valid
+  EXPECT_EQ(buf->size(), 0u);
+
+  std::vector<uint8_t> storage(32, 7);
+  {
+    sp<ABuffer> wrapped = new ABuffer(storage.data(), storage.size());
+    EXPECT_EQ(wrapped->base(), storage.data());
+    EXPECT_EQ(wrapped->capacity(), 32u);
+    wrapped->setRange(4, 8);
+    wrapped->data()[0] = 42;
+  }
+  // Still ours after the buffer died (a free of vector memory would trip ASan/the allocator).
+  EXPECT_EQ(storage[4], 42);
+  storage.assign(64, 1);
+}
+
+TEST(PlatformABufferDeathTest, SetRangeOutsideCapacityAborts) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  sp<ABuffer> buf = new ABuffer(16);
+  EXPECT_DEATH(buf->setRange(10, 7), "");
+  EXPECT_DEATH(buf->setRange(17, 0), "");
+}
+
+TEST(PlatformAMessageTest, ValuesRoundTripReplaceAndMissesLeaveOutputUntouched) {
+  sp<AMessage> msg = new AMessage(1);
+  msg->setInt32("a", -5);
+  msg->setInt64("b", int64_t{1} << 40);
+  msg->setObject("null", nullptr);
+  int32_t a = 0;
+  int64_t b = 0;
+  sp<RefBase> obj = new ABuffer(1);
+  EXPECT_TRUE(msg->findInt32("a", &a) && msg->findInt64("b", &b) && msg->findObject("null", &obj));
+  EXPECT_EQ(a, -5);
+  EXPECT_EQ(b, int64_t{1} << 40);
+  EXPECT_EQ(obj, nullptr) << "a null object is stored as such";
+  // Setting a name again replaces the value, also with another type.
+  msg->setInt64("a", 7);
+  EXPECT_EQ(msg->countEntries(), 3u);
+  EXPECT_TRUE(msg->findInt64("a", &b));
+  EXPECT_EQ(b, 7);
+  // A miss or a type mismatch leaves the output alone.
+  a = 123;
+  EXPECT_FALSE(msg->findInt32("a", &a));
+  EXPECT_FALSE(msg->findInt32("missing", &a));
+  EXPECT_EQ(a, 123);
+  sp<ABuffer> marker = new ABuffer(1);
+  sp<ABuffer> buf = marker;
+  EXPECT_FALSE(msg->findBuffer("null", &buf)) << "an object is not a buffer";
+  EXPECT_EQ(buf, marker);
+}
+
+TEST(PlatformAMessageTest, HoldsObjectsAndBuffersUntilReplacedClearedOrDestroyed) {
+  std::atomic<int> destroyed{0};
+  sp<AMessage> msg = new AMessage();
+  msg->setObject("x", new Counted(&destroyed));
+  EXPECT_EQ(destroyed.load(), 0) << "the message must keep the object alive";
+  msg->setObject("x", new Counted(&destroyed));  // replacing releases the first object
+  EXPECT_EQ(destroyed.load(), 1);
+  msg->setInt32("x", 0);  // so does replacing with a plain value
+  EXPECT_EQ(destroyed.load(), 2);
+
+  msg->setObject("y", new Counted(&destroyed));
+  sp<ABuffer> buffer = new ABuffer(16);
+  msg->setBuffer("b", buffer);
+  wp<ABuffer> weakBuffer = buffer;
+  buffer.clear();
+  EXPECT_NE(weakBuffer.promote(), nullptr);
+  sp<AMessage> copy = msg->dup();
+  EXPECT_EQ(copy->countEntries(), msg->countEntries());
+  msg.clear();
+  EXPECT_EQ(destroyed.load(), 2) << "the copy still shares the object";
+  copy->clear();
+  EXPECT_EQ(copy->countEntries(), 0u);
+  EXPECT_EQ(destroyed.load(), 3);
+  EXPECT_EQ(weakBuffer.promote(), nullptr);
+}
+
+TEST(PlatformPthreadNpTest, TimesOutAfterTheRelativeTimeRejectsMalformedTimesAndWakesOnSignal) {
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t cond = PTHREAD_COND_INITIALIZER;  // default attributes: realtime clock
+  const struct timespec rel = {0, 30 * 1000 * 1000}, zero = {0, 0}, badNs = {0, 1000000000L}, negative = {-1, 0};
+  pthread_mutex_lock(&mutex);
+  EXPECT_EQ(pthread_cond_timedwait_relative_np(&cond, &mutex, &zero), ETIMEDOUT);
+  EXPECT_EQ(pthread_cond_timedwait_relative_np(&cond, &mutex, &badNs), EINVAL);
+  EXPECT_EQ(pthread_cond_timedwait_relative_np(&cond, &mutex, &negative), EINVAL);
+  int64_t start = monotonicNs();
+  int rc = 0;
+  // Spurious wake-ups return 0; a timeout must come eventually and not before the time.
+  for (int i = 0; i < 100 && rc == 0; ++i) rc = pthread_cond_timedwait_relative_np(&cond, &mutex, &rel);
+  int64_t elapsed = monotonicNs() - start;
+  EXPECT_EQ(rc, ETIMEDOUT);
+  EXPECT_GE(elapsed, 30 * 1000 * 1000);
+  EXPECT_LT(elapsed, int64_t{5} * 1000 * 1000 * 1000);
+
+  // A signal wakes the waiter long before its timeout. The signaller gets the mutex only once
+  // the waiter has let it go inside the wait.
+  bool flag = false;
+  std::thread signaller([&] {
+    pthread_mutex_lock(&mutex);
+    flag = true;
+    pthread_cond_signal(&cond);
+    pthread_mutex_unlock(&mutex);
+  });
+  const struct timespec longRel = {20, 0};
+  start = monotonicNs();
+  rc = 0;
+  while (!flag && rc == 0) rc = pthread_cond_timedwait_relative_np(&cond, &mutex, &longRel);
+  const bool woken = flag;
+  pthread_mutex_unlock(&mutex);
+  elapsed = monotonicNs() - start;
+  signaller.join();
+  EXPECT_EQ(rc, 0);
+  EXPECT_TRUE(woken);
+  EXPECT_LT(elapsed, int64_t{10} * 1000 * 1000 * 1000) << "woken by the signal, not the timeout";
+  pthread_cond_destroy(&cond);
+  pthread_mutex_destroy(&mutex);
+}
 
 TEST_F(PlatformALooperTest, KeepsEachThreadsOrderOnTheLooperThread) {
   // Messages posted before start() come first, then four threads post concurrently.
@@ -311,14 +454,12 @@ TEST_F(PlatformALooperTest, EndsCleanlyWhenStoppedOrReleasedOnItsOwnThread) {
 
 TEST_F(PlatformALooperTest, ThreadTakesTheNameAndPriority) {
   looper->setName("a_rather_long_looper_name");
-  std::mutex m;
-  std::string name;
+  std::string name;  // read once count() saw the message, which the handler's lock orders
   std::atomic<int> nice{-100};
   handler->hook = [&](const sp<AMessage>&) {
     char buf[32] = {};
     pthread_getname_np(pthread_self(), buf, sizeof(buf));
     nice = getpriority(PRIO_PROCESS, static_cast<id_t>(currentTid()));
-    std::lock_guard<std::mutex> lock(m);
     name = buf;
   };
   // Lowering the priority is always allowed.
@@ -326,10 +467,7 @@ TEST_F(PlatformALooperTest, ThreadTakesTheNameAndPriority) {
   makeMsg(1, id)->post();
   ASSERT_TRUE(waitUntil([&] { return handler->count() == 1; }));
   EXPECT_EQ(nice.load(), std::max(10, getpriority(PRIO_PROCESS, 0)));
-  {
-    std::lock_guard<std::mutex> lock(m);
-    EXPECT_EQ(name, "a_rather_long_l");  // the kernel keeps 15 characters
-  }
+  EXPECT_EQ(name, "a_rather_long_l");  // the kernel keeps 15 characters
   looper->stop();
   // Raising it usually is not; the looper must work all the same.
   ASSERT_EQ(looper->start(false, false, -19), android::OK);
@@ -339,8 +477,7 @@ TEST_F(PlatformALooperTest, ThreadTakesTheNameAndPriority) {
 
 TEST_F(PlatformALooperTest, ConcurrentPostersWhileStopping) {
   ASSERT_EQ(looper->start(), android::OK);
-  std::atomic<int> destroyed{0};
-  std::atomic<int> created{0};
+  std::atomic<int> destroyed{0}, created{0};
   std::atomic<bool> go{true};
   std::vector<std::thread> posters;
   for (int t = 0; t < 3; ++t) {

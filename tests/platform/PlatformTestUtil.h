@@ -1,26 +1,11 @@
 #pragma once
-// Helpers shared by the platform tests (the area-average reference also by the frame-data tests).
+// The area-average reference of the pixel-routine tests, shared with the frame-data tests.
 #include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <vector>
 
-#include <utils/RefBase.h>
-
 namespace platform_test {
-
-// Counts its destructions, to see when references held by messages are released.
-class Counted : public android::RefBase {
- public:
-  explicit Counted(std::atomic<int>* destroyed) : mDestroyed(destroyed) {}
-
- protected:
-  ~Counted() override { mDestroyed->fetch_add(1); }
-
- private:
-  std::atomic<int>* mDestroyed;
-};
 
 // Straightforward area average of one channel: each target pixel is the mean of the source area
 // it covers, partly covered pixels weighted by the covered fraction. `step` is the distance

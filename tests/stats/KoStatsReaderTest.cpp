@@ -35,18 +35,17 @@ void set32(Bytes& b, size_t at, uint32_t v) {
 }
 
 // One segment holding text and its NUL.
-void segment(Bytes& b, uint32_t type, const std::string& text, uint32_t version = 1) {
+void segment(Bytes& b, uint32_t type, const std::string& text) {
   put32(b, static_cast<uint32_t>(12 + text.size() + 1));
   put32(b, type);
-  put32(b, version);
+  put32(b, 1);
   b.insert(b.end(), text.begin(), text.end());
   b.push_back(0);
 }
 
+// A segment with nothing after its segment header, as when its writer failed.
 void emptySegment(Bytes& b, uint32_t type) {
-  put32(b, 12);
-  put32(b, type);
-  put32(b, 1);
+  for (uint32_t word : {12u, type, 1u}) put32(b, word);
 }
 
 const char kSessionHeader[] =
@@ -139,27 +138,18 @@ TEST(KoStatsRoundTrip, ThirtyFramesReadBackEqual) {
   struct Case { android::KoGenFrameData_t s; std::vector<std::pair<int, const char*>> labels; };
   std::vector<Case> cases(3, Case{makeSummary(), {}});
   // Best shot, captured frame with ZSL, and a reference frame standing in for it.
-  cases[0].s.videoEnabled = 1;
-  cases[0].s.hdrMode = 1;
-  cases[0].s.camPosition = 0;
-  cases[0].s.bestShotGenerated = 1;
-  cases[0].s.bestShotFrameIndex = 20;
-  cases[0].s.capturedFrameIndex = 22;
-  cases[0].s.capturedFrameId = 122;
-  cases[0].s.referenceFrameId = 119;
+  android::KoGenFrameData_t& s0 = cases[0].s;
+  s0.videoEnabled = 1, s0.hdrMode = 1, s0.camPosition = 0, s0.bestShotGenerated = 1, s0.bestShotFrameIndex = 20;
+  s0.capturedFrameIndex = 22, s0.capturedFrameId = 122, s0.referenceFrameId = 119;
   cases[0].labels = {{20, "BestShot"}, {22, "CapturedZSL"}, {19, "PseudoCaptured"}};
   // The same without a generated best shot, and the captured frame without ZSL.
-  cases[1].s = cases[0].s;
-  cases[1].s.isLateMode = 1;
-  cases[1].s.bestShotGenerated = 0;
-  cases[1].s.capturedFrameIndex = 21;
-  cases[1].s.capturedFrameId = 121;
+  cases[1].s = s0;
+  cases[1].s.isLateMode = 1, cases[1].s.bestShotGenerated = 0;
+  cases[1].s.capturedFrameIndex = 21, cases[1].s.capturedFrameId = 121;
   cases[1].labels = {{21, "CapturedNoZSL"}};
   // The best shot is the captured frame: the best-shot label wins.
-  cases[2].s = cases[0].s;
-  cases[2].s.capturedFrameIndex = 20;
-  cases[2].s.capturedFrameId = 120;
-  cases[2].s.referenceFrameId = 120;
+  cases[2].s = s0;
+  cases[2].s.capturedFrameIndex = 20, cases[2].s.capturedFrameId = 120, cases[2].s.referenceFrameId = 120;
   cases[2].labels = {{20, "BestShot"}};
 
   for (const Case& c : cases) {
@@ -169,10 +159,9 @@ TEST(KoStatsRoundTrip, ThirtyFramesReadBackEqual) {
     android::KoGenFrameData_t s = c.s;
 
     std::vector<char> out(KoStatsData::EXIF_BUFFER_SIZE + 4);
-    // As the engine hands it on: 16-bit 3, 16-bit 0, then the record.
-    out[0] = 3;
-    const int n = stats.genExifHistory(out.data() + 4, KoStatsData::EXIF_BUFFER_SIZE, &s,
-                                       h.snapshot, seq.get(), &bs, -1, 0);
+    out[0] = 3;  // as the engine hands it on: 16-bit 3, 16-bit 0, then the record
+    const int n = stats.genExifHistory(out.data() + 4, KoStatsData::EXIF_BUFFER_SIZE, &s, h.snapshot, seq.get(), &bs,
+                                       -1, 0);
     ASSERT_GT(n, 20000);  // a full record, every section present
     KoStatsReader reader;
     ASSERT_TRUE(reader.parse(out.data(), n + 4)) << reader.error();
@@ -193,9 +182,7 @@ TEST(KoStatsRoundTrip, ThirtyFramesReadBackEqual) {
     // test checks against their frame), with the label of its role.
     ASSERT_EQ(reader.frames().size(), 30u);
     std::vector<char> frameText(KoStatsData::EXIF_BUFFER_SIZE), tmp(KoStatsData::LINE_BUFFER_SIZE);
-    ASSERT_GT(stats.genFrameData(frameText.data(), tmp.data(), &s, h.snapshot,
-                                 KoStatsData::EXIF_BUFFER_SIZE),
-              0);
+    ASSERT_GT(stats.genFrameData(frameText.data(), tmp.data(), &s, h.snapshot, KoStatsData::EXIF_BUFFER_SIZE), 0);
     std::string frames;
     for (int i = 0; i < 30; ++i) {
       const KoStatsReader::Row& row = reader.frames()[i];
@@ -212,10 +199,9 @@ TEST(KoStatsRoundTrip, ThirtyFramesReadBackEqual) {
       SCOPED_TRACE("frame " + std::to_string(i));
       const KoStatsReader::FaceGroup& g = reader.faceGroups()[i];
       const int printed = i == 7 ? 5 : i % 6;
-      EXPECT_EQ(ints(g.group),
-                (std::vector<int64_t>{7 + 24 * printed, f.mFrameId, f.mTimestamp, f.mFaceRefWidth,
-                                      f.mFaceRefHeight, f.mFaceData.record.numFaces,
-                                      f.mFaceData.numBlinkedPredicted}));
+      EXPECT_EQ(ints(g.group), (std::vector<int64_t>{7 + 24 * printed, f.mFrameId, f.mTimestamp, f.mFaceRefWidth,
+                                                     f.mFaceRefHeight, f.mFaceData.record.numFaces,
+                                                     f.mFaceData.numBlinkedPredicted}));
       EXPECT_EQ(keys(g.group), keys(KoStatsData::sFaceDataHeader, 0, 7));
       ASSERT_EQ(g.faces.size(), static_cast<size_t>(printed));
       for (int k = 0; k < printed; ++k) {

@@ -30,24 +30,17 @@ inline uint32_t floatWord(float value) {
 // uint8 fields above 127.
 inline void fillFace(android::KO_cam_face_t& face, int seed, int k) {
   const int s = seed * 10 + k;
-  face.id = 1000 + s;
+  face.id = 1000 + s, face.reserved = 77777;
   face.score = static_cast<int8_t>(k % 2 ? -(s % 100) : s % 100);
-  face.recognised = static_cast<uint8_t>(200 + k);
   face.left = 10 * s, face.top = -3 * s, face.width = 50 + s, face.height = 60 + s;
-  face.reserved = 77777;
   face.leftEyeX = 1 + s, face.leftEyeY = 2 + s, face.rightEyeX = 3 + s, face.rightEyeY = 4 + s;
   face.mouthX = 5 + s, face.mouthY = 6 + s;
-  face.smileDegree = static_cast<uint8_t>(s % 101);
-  face.smileConfidence = static_cast<uint8_t>(250 - k);
-  face.gazeAngle = static_cast<int8_t>(-10 - k);
-  face.upDownDir = static_cast<int8_t>(-20 - k);
-  face.leftRightDir = static_cast<int8_t>(20 + k);
-  face.rollDir = static_cast<int8_t>(-90 + k);
-  face.leftRightGaze = static_cast<int8_t>(-30 - k);
-  face.topBottomGaze = static_cast<int8_t>(30 + k);
-  face.blinkDetected = static_cast<uint8_t>(k % 2);
-  face.leftBlink = static_cast<uint8_t>(100 - k);
-  face.rightBlink = static_cast<uint8_t>(128 + k);
+  face.recognised = static_cast<uint8_t>(200 + k), face.smileDegree = static_cast<uint8_t>(s % 101);
+  face.smileConfidence = static_cast<uint8_t>(250 - k), face.blinkDetected = static_cast<uint8_t>(k % 2);
+  face.leftBlink = static_cast<uint8_t>(100 - k), face.rightBlink = static_cast<uint8_t>(128 + k);
+  face.gazeAngle = static_cast<int8_t>(-10 - k), face.upDownDir = static_cast<int8_t>(-20 - k);
+  face.leftRightDir = static_cast<int8_t>(20 + k), face.rollDir = static_cast<int8_t>(-90 + k);
+  face.leftRightGaze = static_cast<int8_t>(-30 - k), face.topBottomGaze = static_cast<int8_t>(30 + k);
 }
 
 struct FrameOptions {

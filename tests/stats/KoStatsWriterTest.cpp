@@ -1,5 +1,5 @@
-// Segment container of the statistics record: order, wire bytes, the EXIF budget, overflow and
-// the raw image sections.
+// The statistics record writer: format strings, header lines and section texts byte for byte,
+// and the segment container (order, wire bytes, the EXIF budget, overflow, raw image sections).
 #include <gtest/gtest.h>
 
 #include <unistd.h>
@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "DexKoVersion.h"
 #include "KoStatsData.h"
 #include "KoStatsReader.h"
 #include "StatsTestFrames.h"
@@ -20,6 +21,7 @@
 #include "TempFile.h"
 
 using android::KoFrameData;
+using android::KoHeaderPair_t;
 using android::KoStatsData;
 using android::KoStatsReader;
 using android::sp;
@@ -44,8 +46,7 @@ struct GuardedBuffer {
   }
   char* data() { return reinterpret_cast<char*>(mBytes.data()); }
   bool guardIntact() const {
-    return std::all_of(mBytes.begin() + mSize, mBytes.end(),
-                       [](unsigned char b) { return b == kGuardByte; });
+    return std::all_of(mBytes.begin() + mSize, mBytes.end(), [](unsigned char b) { return b == kGuardByte; });
   }
   int mSize;
   std::vector<unsigned char> mBytes;
@@ -71,15 +72,138 @@ std::vector<std::string> segmentTypes(const char* out, int length) {
   return types;
 }
 
+class KoStatsFormat : public ::testing::Test {
+ protected:
+  KoStatsFormat() : dst(8192, '#'), tmp(KoStatsData::LINE_BUFFER_SIZE) {}
+  std::string text() const { return std::string(dst.data()); }
+  std::string header(const KoHeaderPair_t* table, int count, int* length) {
+    *length = stats.genHeader(dst.data(), tmp.data(), table, count, 8192);
+    return text();
+  }
+
+  KoStatsData stats;
+  std::vector<char> dst, tmp;
+};
+
+const char kFrame0Line[] =
+    "43, 100, 1234567890123, 3.500, 10.250, 40.750, 120.125, 0.000, 0.000, 0, 0.000, -9.810, "
+    "0.333, -0.000, 0.010, 0.333, 359.900, -45.500, 12.000, -1, -200, 0, 100, 200, 65535, 40, 0, "
+    "1, NoZSL, 0, 1000, 0.500, -2.750, 1.125, 0.000, -7.500, 99.999, 0, 300, 0, 2, 250.250, "
+    "0.033";
+
 }  // namespace
+
+// The format strings of the session, frame, face, sequence and histogram lines are pinned by
+// the lines printed with them (here and in the reader's round trip); the raw image line's
+// trailing separator is not.
+TEST_F(KoStatsFormat, FormatStringsHeaderLinesAndVersions) {
+  EXPECT_STREQ(stats.mRawYUVDataHeaderFormat, "%d, %d, %d, %d, %d, %d, %d, %d, %lld, %d, %d, ");
+  char buf[KoStatsData::FORMAT_BUFFER_SIZE];
+  EXPECT_EQ(stats.buildFormatString(KoStatsData::sSessionDataHeader, 8, buf, false), 31);
+  EXPECT_EQ(stats.buildFormatString(KoStatsData::sHistogramDataHeader, 3, buf, true), 13);
+
+  android::DexKoVersion version;
+  const char* coreVersion = nullptr;
+  ASSERT_EQ(version.getVersion(&coreVersion), 0);
+  EXPECT_STREQ(stats.mCoreVersion, coreVersion);
+
+  // Header lines: their lengths with the NUL, and never a trailing separator.
+  struct Case { const KoHeaderPair_t* table; int count; int length; } cases[] = {
+      {KoStatsData::sSessionDataHeader, KoStatsData::SESSION_ROWS, 134},
+      {KoStatsData::sFrameDataHeader, KoStatsData::FRAME_ROWS, 657},
+      {KoStatsData::sFaceDataHeader, KoStatsData::FACE_ROWS, 447},
+      {KoStatsData::sSequenceDataHeader, KoStatsData::SEQUENCE_ROWS, 845},
+      {KoStatsData::sHistogramDataHeader, KoStatsData::HISTOGRAM_ROWS, 39},
+      {KoStatsData::sRawYUVDataHeader, KoStatsData::RAW_ROWS, 138},
+  };
+  for (const Case& c : cases) {
+    int length = 0;
+    const std::string line = header(c.table, c.count, &length);
+    EXPECT_EQ(length, c.length) << line;
+    EXPECT_EQ(line.size() + 1, static_cast<size_t>(c.length));
+    EXPECT_EQ(line.rfind("numElements %d, ", 0), 0u) << line;
+    EXPECT_NE(line.substr(line.size() - 2), ", ");
+    EXPECT_EQ(countOf(line, ", ") + 1, c.count);
+  }
+  int length = 0;
+  EXPECT_EQ(header(KoStatsData::sHistogramDataHeader, 3, &length),
+            "numElements %d, frameId %d, numBins %d");
+  EXPECT_EQ(header(KoStatsData::sSessionDataHeader, 8, &length),
+            "numElements %d, exifFormatVersion %s, libKoCoreVersion %s, bestShot.enabled %d, "
+            "video.enabled %d, jobId %d, hdrMode %d, isLateMode %d");
+}
+
+TEST_F(KoStatsFormat, SessionLineOfTheExample) {
+  strcpy(stats.mCoreVersion, "v1");
+  android::KoGenFrameData_t summary = makeSummary();
+  EXPECT_EQ(stats.genSessionData(dst.data(), tmp.data(), &summary, 8192), 33);
+  EXPECT_EQ(text(), "8, 00.00.002, v1, 1, 0, 12, 0, 0");
+}
+
+TEST_F(KoStatsFormat, FrameLinesJoinedAndTextsDroppedBeyondMaxSize) {
+  History one({makeFrame(0, FrameOptions())});
+  android::KoGenFrameData_t summary = makeSummary();
+  EXPECT_EQ(stats.genFrameData(dst.data(), tmp.data(), &summary, one.snapshot, 8192),
+            static_cast<int>(strlen(kFrame0Line)) + 1);
+  EXPECT_EQ(text(), kFrame0Line);
+
+  // Frames are joined by ", " with no trailing separator.
+  History three({makeFrame(0, FrameOptions()), makeFrame(0, FrameOptions()),
+                 makeFrame(0, FrameOptions())});
+  const std::string all = std::string(kFrame0Line) + ", " + kFrame0Line + ", " + kFrame0Line;
+  const int full = static_cast<int>(all.size()) + 1;
+  EXPECT_EQ(stats.genFrameData(dst.data(), tmp.data(), &summary, three.snapshot, full), full);
+  EXPECT_EQ(text(), all);
+
+  // One byte short: the text is dropped, logged, and nothing at or past maxSize is touched.
+  // The same holds for a header line.
+  std::fill(dst.begin(), dst.end(), '#');
+  kovane_test::StderrCapture cap;
+  EXPECT_EQ(stats.genFrameData(dst.data(), tmp.data(), &summary, three.snapshot, full - 1), 0);
+  EXPECT_EQ(dst[0], '\0');
+  for (int i = full - 1; i < static_cast<int>(dst.size()); ++i) ASSERT_EQ(dst[i], '#') << i;
+  std::fill(dst.begin(), dst.end(), '#');
+  EXPECT_EQ(stats.genHeader(dst.data(), tmp.data(), KoStatsData::sSessionDataHeader, 8, 133), 0);
+  EXPECT_EQ(dst[0], '\0');
+  for (int i = 133; i < static_cast<int>(dst.size()); ++i) ASSERT_EQ(dst[i], '#') << i;
+  const std::string log = cap.finish();
+  EXPECT_NE(log.find("genFrameData maxSize reached = " + std::to_string(full) +
+                     ", maxSize=" + std::to_string(full - 1)),
+            std::string::npos)
+      << log;
+  EXPECT_NE(log.find("genHeader maxSize reached = 134, maxSize=133"), std::string::npos) << log;
+}
+
+TEST_F(KoStatsFormat, HistogramGroups) {
+  FrameOptions noHist;
+  noHist.histogram = false;
+  std::vector<sp<KoFrameData>> frames = {makeFrame(0, FrameOptions()), makeFrame(1, noHist),
+                                         makeFrame(2, FrameOptions()), makeFrame(3, noHist)};
+  for (sp<KoFrameData>& f : frames) {
+    if (f->mHistogram == nullptr) continue;
+    f->mHistogramBins = 4;
+    for (int b = 0; b < 4; ++b) f->mHistogram[b] = f->mFrameId * 10 + b;
+  }
+  const std::string expected =
+      "7, 100, 4, 1000, 1001, 1002, 1003, 7, 102, 4, 1020, 1021, 1022, 1023";
+  {
+    History h({frames[0], frames[1], frames[2]});
+    EXPECT_EQ(stats.genHistogramData(dst.data(), tmp.data(), h.snapshot, 8192),
+              static_cast<int>(expected.size()) + 1);
+    EXPECT_EQ(text(), expected);
+  }
+  // An item that is not the last ends with ", " even when only items without histograms follow.
+  History h(frames);
+  stats.genHistogramData(dst.data(), tmp.data(), h.snapshot, 8192);
+  EXPECT_EQ(text(), expected + ", ");
+}
 
 TEST(KoStatsExifHistory, SegmentsInOrderWithAndWithoutSequence) {
   KoStatsData stats;
   History h(frames(3, 1));
   android::KoGenFrameData_t summary = makeSummary();
   GuardedBuffer out(kExif);
-  const int n =
-      stats.genExifHistory(out.data(), kExif, &summary, h.snapshot, nullptr, nullptr, -1, 0);
+  const int n = stats.genExifHistory(out.data(), kExif, &summary, h.snapshot, nullptr, nullptr, -1, 0);
   ASSERT_GT(n, 0);
   EXPECT_EQ(segmentTypes(out.data(), n), (std::vector<std::string>{"sshd", "ssdt", "frhd", "frdt",
                                                                     "fahd", "fadt", "hghd", "hgdt"}));
@@ -91,8 +215,7 @@ TEST(KoStatsExifHistory, SegmentsInOrderWithAndWithoutSequence) {
   std::unique_ptr<android::KoSequenceData> seq(new android::KoSequenceData());
   android::bestShotInfo_t bs;
   kovane_test::fillSequence(*seq, bs);
-  const int m =
-      stats.genExifHistory(out.data(), kExif, &summary, h.snapshot, seq.get(), &bs, -1, 0);
+  const int m = stats.genExifHistory(out.data(), kExif, &summary, h.snapshot, seq.get(), &bs, -1, 0);
   ASSERT_GT(m, 0);
   EXPECT_EQ(segmentTypes(out.data(), m),
             (std::vector<std::string>{"sshd", "ssdt", "sqhd", "sqdt", "frhd", "frdt", "fahd",
@@ -118,8 +241,7 @@ TEST(KoStatsExifHistory, DescriptorOutputAndOverflow) {
   android::KoGenFrameData_t summary = makeSummary();
   GuardedBuffer big(kExif);
   TempFile file;
-  const int n = stats.genExifHistory(big.data(), kExif, &summary, h.snapshot, nullptr, nullptr,
-                                     file.fd, 0);
+  const int n = stats.genExifHistory(big.data(), kExif, &summary, h.snapshot, nullptr, nullptr, file.fd, 0);
   ASSERT_GT(n, 0);
   std::vector<uint8_t> written = file.bytes();
   ASSERT_EQ(static_cast<int>(written.size()), n);
@@ -131,8 +253,7 @@ TEST(KoStatsExifHistory, DescriptorOutputAndOverflow) {
   ASSERT_GE(saved, 0);
   ASSERT_EQ(dup2(stdinFile.fd, 0), 0);
   GuardedBuffer fits(n + 1);  // one byte more than the record is enough
-  const int m = stats.genExifHistory(fits.data(), n + 1, &summary, h.snapshot, nullptr, nullptr,
-                                     0, 0);
+  const int m = stats.genExifHistory(fits.data(), n + 1, &summary, h.snapshot, nullptr, nullptr, 0, 0);
   dup2(saved, 0);
   close(saved);
   EXPECT_EQ(m, n);
@@ -146,9 +267,7 @@ TEST(KoStatsExifHistory, DescriptorOutputAndOverflow) {
     GuardedBuffer out(size);
     TempFile overflowFile;
     kovane_test::StderrCapture cap;
-    EXPECT_EQ(stats.genExifHistory(out.data(), size, &summary, h.snapshot, nullptr, nullptr,
-                                   overflowFile.fd, 0),
-              0)
+    EXPECT_EQ(stats.genExifHistory(out.data(), size, &summary, h.snapshot, nullptr, nullptr, overflowFile.fd, 0), 0)
         << size;
     const std::string log = cap.finish();
     EXPECT_EQ(countOf(log, "writeExifDataSeg: buffer overflow  size="), 1) << log;
@@ -197,8 +316,7 @@ TEST(KoStatsExifHistory, RecordsAtTheBudgetAreWholeAndDropWholeSections) {
     History h(fs);
     GuardedBuffer out(kExif);
     kovane_test::StderrCapture cap;
-    const int n =
-        stats.genExifHistory(out.data(), kExif, &summary, h.snapshot, nullptr, nullptr, -1, 0);
+    const int n = stats.genExifHistory(out.data(), kExif, &summary, h.snapshot, nullptr, nullptr, -1, 0);
     const std::string log = cap.finish();
     EXPECT_EQ(log.find("buffer overflow"), std::string::npos) << log;
     ASSERT_GT(n, 0);
@@ -246,15 +364,8 @@ struct RawSetup {
     image[1] = fs[1]->mDownscaledImage->data();
     hist.reset(new History(fs));
     summary = makeSummary();
-    summary.capturedFrameIndex = 0;
-    summary.capturedFrameId = 100;
-    summary.bestShotGenerated = 1;
-    summary.bestShotFrameIndex = 1;
-  }
-  int base(KoStatsData& stats) {
-    std::vector<char> out(kExif);
-    return stats.genExifHistory(out.data(), kExif, &summary, hist->snapshot, nullptr, nullptr,
-                                -1, 0);
+    summary.capturedFrameIndex = 0, summary.capturedFrameId = 100;
+    summary.bestShotGenerated = 1, summary.bestShotFrameIndex = 1;
   }
   std::unique_ptr<History> hist;
   android::KoGenFrameData_t summary;
@@ -293,13 +404,16 @@ TEST(KoStatsExifHistory, RawModes) {
   // Mode 1: every frame.
   KoStatsData stats;
   RawSetup setup;
-  int base = setup.base(stats);
+  auto record = [&](char* out, int size, int fd, int mode) {
+    return stats.genExifHistory(out, size, &setup.summary, setup.hist->snapshot, nullptr, nullptr, fd, mode);
+  };
+  std::vector<char> scratch(kExif);  // the record without raw images
+  int base = record(scratch.data(), kExif, -1, 0);
   ASSERT_GT(base, 0);
   const int capacity = 1 << 20;
   GuardedBuffer out(capacity);
   TempFile file;
-  const int n = stats.genExifHistory(out.data(), capacity, &setup.summary, setup.hist->snapshot,
-                                     nullptr, nullptr, file.fd, 1);
+  const int n = record(out.data(), capacity, file.fd, 1);
   EXPECT_TRUE(out.guardIntact());
   // The raw data is laid over the 'rwhd' segment, but the result counts both.
   const uint32_t seg0 = le32(out.data() + base);
@@ -329,9 +443,7 @@ TEST(KoStatsExifHistory, RawModes) {
   GuardedBuffer small(base + 1000);
   TempFile smallFile;
   kovane_test::StderrCapture cap;
-  EXPECT_EQ(stats.genExifHistory(small.data(), base + 1000, &setup.summary, setup.hist->snapshot,
-                                 nullptr, nullptr, smallFile.fd, 1),
-            base + 150);
+  EXPECT_EQ(record(small.data(), base + 1000, smallFile.fd, 1), base + 150);
   const std::string log = cap.finish();
   EXPECT_EQ(countOf(log, "genRawYUVFrameData maxSize reached = "), 2) << log;
   EXPECT_NE(log.find(", maxSize=1000"), std::string::npos) << log;
@@ -342,10 +454,9 @@ TEST(KoStatsExifHistory, RawModes) {
 
   // Mode 2 with the best shot being the captured frame: it is emitted twice.
   setup.summary.bestShotFrameIndex = 0;
-  base = setup.base(stats);
+  base = record(scratch.data(), kExif, -1, 0);
   std::fill(out.mBytes.begin(), out.mBytes.begin() + capacity, 0);
-  const int minimal = stats.genExifHistory(out.data(), capacity, &setup.summary,
-                                           setup.hist->snapshot, nullptr, nullptr, -1, 2);
+  const int minimal = record(out.data(), capacity, -1, 2);
   const uint32_t seg = le32(out.data() + base);
   EXPECT_EQ(le32(out.data() + base + seg), seg);
   EXPECT_EQ(minimal, base + 150 + 2 * static_cast<int>(seg));
@@ -360,9 +471,7 @@ TEST(KoStatsExifHistory, RawModes) {
   // Mode 3 is unknown: only the raw header is added, and the error is logged.
   std::fill(out.mBytes.begin(), out.mBytes.begin() + capacity, 0);
   kovane_test::StderrCapture unknownCap;
-  EXPECT_EQ(stats.genExifHistory(out.data(), kExif, &setup.summary, setup.hist->snapshot, nullptr,
-                                 nullptr, -1, 3),
-            base + 150);
+  EXPECT_EQ(record(out.data(), kExif, -1, 3), base + 150);
   EXPECT_NE(unknownCap.finish().find("genExifHistory, Error: Need to pass in correct yuv encode mode (3)"),
             std::string::npos);
   EXPECT_EQ(le32(out.data() + base + 4), 0x72776864u);
@@ -375,8 +484,7 @@ TEST(KoStatsExifHistory, ConcurrentAssembliesAgree) {
   History h(frames(30, 3));
   android::KoGenFrameData_t summary = makeSummary();
   std::vector<char> reference(kExif);
-  const int n = stats.genExifHistory(reference.data(), kExif, &summary, h.snapshot, nullptr,
-                                     nullptr, -1, 0);
+  const int n = stats.genExifHistory(reference.data(), kExif, &summary, h.snapshot, nullptr, nullptr, -1, 0);
   ASSERT_GT(n, 0);
   std::atomic<int> mismatches(0);
   std::vector<std::thread> threads;
@@ -384,8 +492,7 @@ TEST(KoStatsExifHistory, ConcurrentAssembliesAgree) {
     threads.emplace_back([&] {
       std::vector<char> out(kExif);
       for (int run = 0; run < 10; ++run) {
-        const int m = stats.genExifHistory(out.data(), kExif, &summary, h.snapshot, nullptr,
-                                           nullptr, -1, 0);
+        const int m = stats.genExifHistory(out.data(), kExif, &summary, h.snapshot, nullptr, nullptr, -1, 0);
         if (m != n || memcmp(out.data(), reference.data(), n) != 0) ++mismatches;
       }
     });
