@@ -157,6 +157,26 @@ TEST_F(KoEngineWithCamera, ZslAcceptanceWithForegroundProcessingOff) {
     return 0;
   });
   EXPECT_EQ(engine->mLastZslFrameId, 13u);
+
+  // With the foreground's own pass off too, a capture is analysed by the background alone
+  // (statistics, focus and exposure, face identities, the best shot) and still finishes once.
+  withForeground(engine, [](KoEngineFg* fg) {
+    fg->mProcessInFg = false;
+    return 0;
+  });
+  const int kJob = 21;
+  KO_TakePicture_t pic = picture(kJob, 16, false);
+  for (uint32_t id = 14; id <= 40 && cam.engineDone().empty(); ++id) {
+    post(cam, engine, id);
+    if (id == 16) {
+      ASSERT_EQ(engine->handleTakePicture(&pic), 0);
+    }
+    ASSERT_TRUE(waitForFrame(engine, id)) << id;
+  }
+  ASSERT_TRUE(waitUntil([&] { return !cam.engineDone().empty(); }, 20000));
+  EXPECT_EQ(cam.engineDone(), std::vector<int>{kJob});
+  EXPECT_EQ(engine->mSequenceQueue->getNumActiveJobs(), 0);
+  EXPECT_TRUE(cam.recordFaults().empty());
   release();
 }
 
