@@ -262,13 +262,4 @@ int engineCalls(const uint8_t* data, size_t size) {
 
 }  // namespace kovane_fuzz
 
-#ifdef KOVANE_LIBFUZZER
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kovane_fuzz::quietLogsUnlessAsked();
-  return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  return kovane_fuzz::engineCalls(data, size);
-}
-#endif
+KOVANE_FUZZ_ENTRY(engineCalls)

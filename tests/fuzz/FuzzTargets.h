@@ -25,6 +25,20 @@ inline void quietLogsUnlessAsked() {
   if (getenv("KOVANE_FUZZ_LOG") == nullptr) __android_log_set_minimum_priority(ANDROID_LOG_FATAL);
 }
 
+// The libFuzzer entry points of a program made of one target file (KOVANE_LIBFUZZER builds).
+#ifdef KOVANE_LIBFUZZER
+#define KOVANE_FUZZ_ENTRY(target)                                                  \
+  extern "C" int LLVMFuzzerInitialize(int*, char***) {                             \
+    kovane_fuzz::quietLogsUnlessAsked();                                           \
+    return 0;                                                                      \
+  }                                                                                \
+  extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {        \
+    return kovane_fuzz::target(data, size);                                        \
+  }
+#else
+#define KOVANE_FUZZ_ENTRY(target)
+#endif
+
 // Reads values off the input; past its end every read gives 0.
 class Bytes {
  public:

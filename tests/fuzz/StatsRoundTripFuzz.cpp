@@ -119,13 +119,4 @@ int statsRoundTrip(const uint8_t* data, size_t size) {
 
 }  // namespace kovane_fuzz
 
-#ifdef KOVANE_LIBFUZZER
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  kovane_fuzz::quietLogsUnlessAsked();
-  return 0;
-}
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  return kovane_fuzz::statsRoundTrip(data, size);
-}
-#endif
+KOVANE_FUZZ_ENTRY(statsRoundTrip)
