@@ -1,6 +1,6 @@
 #pragma once
-// Picture helpers of the analysis-library tests: the analysis views of the real test frames and
-// simple degradations of them (Gaussian and linear motion blur, contrast change, translation).
+// Picture helpers of the analysis-library tests: the analysis views of the real test frames, crops
+// and reductions of them, and simple degradations (Gaussian and motion blur, contrast, noise).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -26,12 +26,9 @@ struct Plane {
 
 // Luma of a stored frame reduced by `factor` (2 or 3) with the library's own reducers.
 inline Plane reducedLuma(const std::string& name, int fw, int fh, int factor) {
-  Plane p;
   const std::vector<uint8_t> f = kovane_test::readNv21(name, fw, fh);
-  if (f.empty()) return p;
-  p.w = fw / factor;
-  p.h = fh / factor;
-  p.px.resize(static_cast<size_t>(p.w) * p.h);
+  if (f.empty()) return Plane();
+  Plane p{fw / factor, fh / factor, std::vector<uint8_t>(static_cast<size_t>(fw / factor) * (fh / factor))};
   if (factor == 2) {
     android::DexFrameMetaData::downScaleLuma2x(p.data(), f.data(), fw, p.w, p.h);
   } else {
@@ -51,11 +48,7 @@ inline Plane analysisView(const std::string& name) {
 struct Nv21Crop {
   std::vector<uint8_t> luma, vu;
   int w = 0, h = 0, stride = 0;
-  Plane lumaPlane() const {  // only for pad 0
-    Plane p;
-    p.w = w, p.h = h, p.px = luma;
-    return p;
-  }
+  Plane lumaPlane() const { return Plane{w, h, luma}; }  // only for pad 0
 };
 inline Nv21Crop nv21Crop(const std::string& file, int fileW, int fileH, int x0, int y0, int w, int h,
                          int pad = 0) {
@@ -81,7 +74,7 @@ inline Nv21Crop nv21Crop(const std::string& file, int fileW, int fileH, int x0, 
 inline std::vector<uint8_t> separateReduce(const Nv21Crop& s, int dw, int dh) {
   using android::DexFrameMetaData;
   std::vector<uint8_t> luma(static_cast<size_t>(s.w) * s.h);
-  for (int y = 0; y < s.h; ++y) std::copy_n(&s.luma[static_cast<size_t>(y) * s.stride], s.w, &luma[static_cast<size_t>(y) * s.w]);
+  for (size_t y = 0; y < static_cast<size_t>(s.h); ++y) std::copy_n(&s.luma[y * s.stride], s.w, &luma[y * s.w]);
   std::vector<uint8_t> out(static_cast<size_t>(dw) * dh * 3 / 2);
   uint8_t* u = out.data() + dw * dh;
   uint8_t* v = u + dw / 2 * (dh / 2);
@@ -101,10 +94,7 @@ inline std::vector<uint8_t> separateReduce(const Nv21Crop& s, int dw, int dh) {
 }
 
 inline Plane half(const Plane& p) {
-  Plane o;
-  o.w = p.w / 2;
-  o.h = p.h / 2;
-  o.px.resize(static_cast<size_t>(o.w) * o.h);
+  Plane o{p.w / 2, p.h / 2, std::vector<uint8_t>(static_cast<size_t>(p.w / 2) * (p.h / 2))};
   android::DexFrameMetaData::downScaleLuma2x(o.data(), p.data(), p.w, o.w, o.h);
   return o;
 }
@@ -112,15 +102,12 @@ inline Plane half(const Plane& p) {
 // An empty plane (and a test failure) when the rectangle does not lie inside `p`, as when its
 // picture is missing.
 inline Plane crop(const Plane& p, int x0, int y0, int w, int h) {
-  Plane o;
   if (x0 < 0 || y0 < 0 || w <= 0 || h <= 0 || x0 + w > p.w || y0 + h > p.h) {
     ADD_FAILURE() << "crop " << w << "x" << h << " at " << x0 << "," << y0 << " outside a "
                   << p.w << "x" << p.h << " picture";
-    return o;
+    return Plane();
   }
-  o.w = w;
-  o.h = h;
-  o.px.resize(static_cast<size_t>(w) * h);
+  Plane o{w, h, std::vector<uint8_t>(static_cast<size_t>(w) * h)};
   for (int y = 0; y < h; ++y) {
     std::copy_n(&p.px[static_cast<size_t>(y0 + y) * p.w + x0], w, &o.px[static_cast<size_t>(y) * w]);
   }
@@ -173,28 +160,6 @@ inline Plane contrast(const Plane& p, double gain, double offset) {
   return o;
 }
 
-// Exposure steps (gain, offset) that the exposure-normalised kernels must see through.
-struct ExposureStep {
-  double gain;
-  double offset;
-};
-constexpr ExposureStep kExposureSteps[] = {{0.8, 0}, {1.25, 0}, {1.0, 20}, {1.0, -25}, {0.8, 12}};
-
-// Calls fn(view, stepped copy) for the analysis view of each of three real frames and each
-// exposure step, with a trace naming both.
-template <typename Fn>
-void forEachExposureStep(Fn fn) {
-  for (const char* name : {"cockatoo_f005_1280x720.nv21", "cockatoo_f100_1280x720.nv21",
-                           "solvay_1920x1080.nv21"}) {
-    const Plane view = analysisView(name);
-    for (const ExposureStep& st : kExposureSteps) {
-      SCOPED_TRACE(std::string(name) + " gain " + std::to_string(st.gain) + " offset " +
-                   std::to_string(st.offset));
-      fn(view, contrast(view, st.gain, st.offset));
-    }
-  }
-}
-
 // Additive Gaussian noise of `sigma` grey levels (sensor noise), rounded and clamped.
 inline Plane noisy(const Plane& p, double sigma, unsigned seed) {
   std::mt19937 rng(seed);
@@ -202,16 +167,6 @@ inline Plane noisy(const Plane& p, double sigma, unsigned seed) {
   Plane o = p;
   for (uint8_t& v : o.px) v = static_cast<uint8_t>(std::clamp(std::lround(v + noise(rng)), 0L, 255L));
   return o;
-}
-
-// A grey PGM picture as a plane (the portraits serve as their own analysis view).
-inline Plane pgmPlane(const std::string& name) {
-  const kovane_test::GreyImage g = kovane_test::readPgm(name);
-  Plane p;
-  p.w = g.width;
-  p.h = g.height;
-  p.px = g.pixels;
-  return p;
 }
 
 }  // namespace kocore_test
