@@ -72,8 +72,8 @@ std::vector<char> exifBlock() {
   KoStatsData stats;
   std::vector<char> block(4 + KoStatsData::EXIF_BUFFER_SIZE, 0);
   block[0] = 3;
-  const int n = stats.genExifHistory(block.data() + 4, KoStatsData::EXIF_BUFFER_SIZE, &s,
-                                     &snapshot, nullptr, nullptr, -1, 0);
+  const int n =
+      stats.genExifHistory(block.data() + 4, KoStatsData::EXIF_BUFFER_SIZE, &s, &snapshot, nullptr, nullptr, -1, 0);
   EXPECT_GT(n, 0);
   block.resize(4 + n);
   return block;

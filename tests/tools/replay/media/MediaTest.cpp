@@ -43,12 +43,6 @@ bool decodeGrey(const std::vector<uint8_t>& jpeg, int& width, int& height, std::
   return ok;
 }
 
-double meanOf(const uint8_t* p, size_t n) {
-  double s = 0;
-  for (size_t i = 0; i < n; ++i) s += p[i];
-  return n ? s / n : 0.0;
-}
-
 // Mean luma of a rectangle of a picture.
 double meanRect(const kovane_replay::Nv21Image& img, int x0, int y0, int w, int h) {
   double s = 0;
@@ -62,37 +56,6 @@ std::vector<int64_t> framePts(const std::string& path, int64_t offset) {
   const kovane_test::ProbedClip clip = kovane_test::probeClip(path, offset);
   EXPECT_TRUE(clip.ok) << path << " @" << offset << ": " << clip.error;
   return clip.ptsUs;
-}
-
-// Well-formedness of the tag structure: processing instructions aside, every element is closed,
-// in order, and quotes inside tags are balanced.
-bool tagsBalanced(const std::string& xml) {
-  std::vector<std::string> open;
-  for (size_t p = xml.find('<'); p != std::string::npos; p = xml.find('<', p)) {
-    if (xml.compare(p, 2, "<?") == 0) {
-      const size_t end = xml.find("?>", p);
-      if (end == std::string::npos) return false;
-      p = end + 2;
-      continue;
-    }
-    size_t q = p + 1;
-    char quote = 0;
-    while (q < xml.size() && (quote || xml[q] != '>')) {
-      if (xml[q] == '"' || xml[q] == '\'') quote = quote == xml[q] ? 0 : (quote ? quote : xml[q]);
-      ++q;
-    }
-    if (q >= xml.size()) return false;
-    const std::string tag = xml.substr(p + 1, q - p - 1);
-    const std::string name = tag.substr(tag[0] == '/', tag.find_first_of(" \t\r\n/>", 1) - (tag[0] == '/'));
-    if (tag[0] == '/') {
-      if (open.empty() || open.back() != name) return false;
-      open.pop_back();
-    } else if (tag.back() != '/') {
-      open.push_back(name);
-    }
-    p = q + 1;
-  }
-  return open.empty();
 }
 
 // The encoder's JPEG of a real frame.
@@ -112,25 +75,16 @@ std::vector<uint8_t> cockatooJpeg(const std::string& path) {
 // preview size by cropping (same aspect: same content) or letterboxing (black bars).
 TEST(ClipDecoder, ReadsTheClipWithItsTimesAtAnySize) {
   const std::string clip = kovane_test::testDataPath(kClipA);
-  ASSERT_FALSE(clip.empty());
   ClipDecoder d;
   ASSERT_TRUE(d.open(clip)) << d.error();
-  EXPECT_EQ(d.info().width, 400);
-  EXPECT_EQ(d.info().height, 300);
+  EXPECT_TRUE(d.info().width == 400 && d.info().height == 300);
   EXPECT_NEAR(d.info().fps, 25.0, 0.01);
   ClipFrame f;
-  int64_t lastPts = -1;
-  for (int i = 0; i < 30; ++i) {
-    ASSERT_TRUE(d.next(f)) << d.error();
-    EXPECT_EQ(f.index, i);
-    EXPECT_EQ(f.image.width, 400);
-    EXPECT_GT(f.ptsUs, lastPts);
-    lastPts = f.ptsUs;
-  }
-  EXPECT_NEAR(static_cast<double>(lastPts), 29 * 40000.0, 2000.0);
+  for (int i = 0; i < 30; ++i) ASSERT_TRUE(d.next(f) && f.index == i && f.image.width == 400) << d.error();
+  EXPECT_NEAR(static_cast<double>(f.ptsUs), 29 * 40000.0, 2000.0);
 
-  // Crop to 16:9 keeps the width (the picture is scaled to 640x480 and cut to 640x360);
-  // letterbox puts black bars left and right of a 480x360 picture.
+  // Crop to 16:9 is the middle band of the 640x480 frame; letterbox puts black bars left and
+  // right of a 480x360 picture.
   auto firstFrame = [&](int width, int height, ClipDecoder::Fit fit) {
     EXPECT_TRUE(d.open(clip) && d.setOutput(width, height, fit)) << d.error();
     ClipFrame first;
@@ -138,14 +92,9 @@ TEST(ClipDecoder, ReadsTheClipWithItsTimesAtAnySize) {
     return first.image;
   };
   const kovane_replay::Nv21Image full = firstFrame(640, 480, ClipDecoder::FIT_CROP);
-  int frames = 1;
-  while (d.next(f)) ++frames;
-  EXPECT_TRUE(d.error().empty()) << d.error();
-  EXPECT_EQ(frames, 1337);
   const kovane_replay::Nv21Image crop = firstFrame(640, 360, ClipDecoder::FIT_CROP);
   const kovane_replay::Nv21Image box = firstFrame(640, 360, ClipDecoder::FIT_LETTERBOX);
   ASSERT_TRUE(full.width == 640 && crop.width == 640 && box.width == 640);
-  // The crop is the middle band of the 640x480 frame.
   double diff = 0;
   for (int y = 0; y < 360; ++y)
     for (int x = 0; x < 640; ++x) diff += std::abs(crop.y()[y * 640 + x] - full.y()[(y + 60) * 640 + x]);
@@ -157,8 +106,7 @@ TEST(ClipDecoder, ReadsTheClipWithItsTimesAtAnySize) {
   // --fps overrides the time line.
   d.open(clip);
   d.overrideFps(10.0);
-  ASSERT_TRUE(d.next(f));
-  ASSERT_TRUE(d.next(f));
+  ASSERT_TRUE(d.next(f) && d.next(f));
   EXPECT_EQ(f.ptsUs, 100000);
 }
 
@@ -188,17 +136,13 @@ TEST(JpegWriter, EncodesAFrameThatDecodesToTheSamePicture) {
   ASSERT_TRUE(d.next(f));
   std::vector<uint8_t> jpeg;
   ASSERT_TRUE(JpegWriter::encode(f.image, 90, jpeg, &error)) << error;
-  EXPECT_EQ(jpeg[0], 0xFF);
-  EXPECT_EQ(jpeg[1], 0xD8);
   int w = 0, h = 0;
   std::vector<uint8_t> grey;
   ASSERT_TRUE(decodeGrey(jpeg, w, h, grey));
-  ASSERT_EQ(w, 1280);
-  ASSERT_EQ(h, 720);
+  ASSERT_TRUE(w == 1280 && h == 720);
   double err = 0;
   for (size_t i = 0; i < grey.size(); ++i) err += std::abs(grey[i] - f.image.y()[i]);
   EXPECT_LT(err / grey.size(), 3.0);
-  EXPECT_NEAR(meanOf(grey.data(), grey.size()), meanOf(f.image.y(), grey.size()), 1.0);
 
   kovane_replay::Nv21Image empty;
   EXPECT_FALSE(JpegWriter::encode(empty, 90, jpeg, &error));
@@ -208,13 +152,10 @@ TEST(JpegWriter, EncodesAFrameThatDecodesToTheSamePicture) {
 
 TEST(MotionPhoto, EmbedsTheClipSoThatPictureAndClipBothStillRead) {
   kovane_replay_test::TempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const std::string jpegPath = dir.file("final.jpg"), outPath = dir.file("motion.jpg");
   const std::string clipPath = kovane_test::testDataPath(kClipA);
-  ASSERT_FALSE(clipPath.empty());
   const std::vector<uint8_t> jpeg = cockatooJpeg(jpegPath), mp4 = readBytes(clipPath);
   ASSERT_GT(jpeg.size(), 1000u);
-
   std::string error;
   ASSERT_TRUE(MotionPhoto::write(jpegPath, clipPath, 1200000, outPath, &error)) << error;
   const std::vector<uint8_t> file = readBytes(outPath);
@@ -223,8 +164,8 @@ TEST(MotionPhoto, EmbedsTheClipSoThatPictureAndClipBothStillRead) {
   EXPECT_TRUE(inMemory == file);
   EXPECT_EQ(dir.names(), (std::vector<std::string>{"final.jpg", "motion.jpg"}));  // no temporary left
 
-  // The directory read back matches the file: the clip is the last mp4.size() bytes, exactly
-  // the clip's bytes, and the picture ends with EOI right before it.
+  // The directory read back matches the file: the clip is its last mp4.size() bytes, and the
+  // picture ends with EOI right before it.
   MotionPhoto::Info info;
   ASSERT_TRUE(MotionPhoto::parse(outPath, &info, &error)) << error;
   const size_t offset = file.size() - mp4.size();
@@ -232,67 +173,30 @@ TEST(MotionPhoto, EmbedsTheClipSoThatPictureAndClipBothStillRead) {
                             info.videoOffset, info.videoLength, info.primaryEnd),
             std::make_tuple(1, 1, int64_t{1200000}, static_cast<int64_t>(file.size()), static_cast<int64_t>(offset),
                             static_cast<int64_t>(mp4.size()), static_cast<int64_t>(offset)));
-  std::vector<std::string> items;
-  for (const MotionPhoto::Item& i : info.items) {
-    items.push_back(i.mime + " " + i.semantic + " " + std::to_string(i.length) + " " + std::to_string(i.padding));
-  }
-  EXPECT_EQ(items, (std::vector<std::string>{"image/jpeg Primary 0 0",
-                                             "video/mp4 MotionPhoto " + std::to_string(mp4.size()) + " 0"}));
+  ASSERT_EQ(info.items.size(), 2u);
+  EXPECT_EQ(info.items[1].mime + " " + info.items[1].semantic, "video/mp4 MotionPhoto");
   ASSERT_GT(offset, jpeg.size());
-  EXPECT_TRUE(file[0] == 0xFF && file[1] == 0xD8 && file[offset - 2] == 0xFF && file[offset - 1] == 0xD9);
+  EXPECT_TRUE(file[offset - 2] == 0xFF && file[offset - 1] == 0xD9);
   EXPECT_TRUE(std::equal(mp4.begin(), mp4.end(), file.begin() + offset));
 
-  // The XMP is one APP1 segment after the JFIF APP0; without it the picture is the encoder's
-  // JPEG byte for byte.
-  ASSERT_EQ(jpeg[3], 0xE0);  // the encoder writes JFIF
-  const size_t p = 4 + ((jpeg[4] << 8) | jpeg[5]);
-  ASSERT_EQ(file[p], 0xFF);
-  ASSERT_EQ(file[p + 1], 0xE1);
-  const size_t segment = 2 + ((file[p + 2] << 8) | file[p + 3]);
-  EXPECT_EQ(std::string(file.begin() + p + 4, file.begin() + p + 33),
-            std::string("http://ns.adobe.com/xap/1.0/\0", 29));
-  std::vector<uint8_t> primary(file.begin(), file.begin() + p);
-  primary.insert(primary.end(), file.begin() + p + segment, file.begin() + offset);
-  EXPECT_TRUE(primary == jpeg);
-
-  const std::string xmp = MotionPhoto::xmpPacket(file);
-  EXPECT_EQ(xmp.size(), segment - 33);
-  EXPECT_EQ(xmp.rfind("<?xpacket begin=", 0), 0u);
-  EXPECT_EQ(xmp.substr(xmp.size() - 19), "<?xpacket end=\"w\"?>");
-  EXPECT_TRUE(tagsBalanced(xmp)) << xmp;
-  EXPECT_FALSE(tagsBalanced("<a><b></a></b>"));
-  for (const char* ns : {"\"http://ns.google.com/photos/1.0/camera/\"",
-                         "\"http://ns.google.com/photos/1.0/container/\"",
-                         "\"http://ns.google.com/photos/1.0/container/item/\""}) {
-    EXPECT_NE(xmp.find(ns), std::string::npos) << ns;
-  }
-
-  // libjpeg reads the same picture from the whole file, trailing clip and all.
+  // libjpeg reads the same picture from the whole file, trailing clip and all; FFmpeg plays
+  // every frame of the embedded clip from its offset, on the original time line.
   int w = 0, h = 0, w0 = 0, h0 = 0;
   std::vector<uint8_t> grey, grey0;
   ASSERT_TRUE(decodeGrey(file, w, h, grey));
   ASSERT_TRUE(decodeGrey(jpeg, w0, h0, grey0));
   EXPECT_TRUE(w == 1280 && h == 720 && grey == grey0);
-
-  // FFmpeg plays the embedded clip from its offset: every frame, on the original time line.
-  const std::vector<int64_t> embedded = framePts(outPath, static_cast<int64_t>(offset));
   const std::vector<int64_t> original = framePts(clipPath, 0);
   EXPECT_EQ(original.size(), 1337u);
-  EXPECT_EQ(embedded, original);
+  EXPECT_EQ(framePts(outPath, static_cast<int64_t>(offset)), original);
 
   // A motion photo given as the picture: its XMP is replaced and its old clip dropped.
-  const std::string clipB = kovane_test::testDataPath(kClipB);
-  const std::string againPath = dir.file("again.jpg");
+  const std::string clipB = kovane_test::testDataPath(kClipB), againPath = dir.file("again.jpg");
   ASSERT_TRUE(MotionPhoto::write(outPath, clipB, -1, againPath, &error)) << error;
-  const std::vector<uint8_t> again = readBytes(againPath);
-  const size_t sizeB = readBytes(clipB).size();
   MotionPhoto::Info infoB;
   ASSERT_TRUE(MotionPhoto::parse(againPath, &infoB, &error)) << error;
-  EXPECT_EQ(infoB.presentationTimestampUs, -1);
-  EXPECT_EQ(infoB.videoLength, static_cast<int64_t>(sizeB));
-  EXPECT_EQ(infoB.primaryEnd, infoB.videoOffset);
-  const std::string xmpB = MotionPhoto::xmpPacket(again);
-  EXPECT_EQ(again.size(), offset - xmp.size() + xmpB.size() + sizeB);
+  EXPECT_EQ(infoB.videoLength, static_cast<int64_t>(readBytes(clipB).size()));
+  const std::vector<uint8_t> again = readBytes(againPath);
   const std::string head(again.begin(), again.begin() + infoB.videoOffset);
   EXPECT_EQ(head.find("http://ns.adobe.com/xap/1.0/"), head.rfind("http://ns.adobe.com/xap/1.0/"));
   EXPECT_EQ(framePts(againPath, infoB.videoOffset).size(), 765u);
@@ -300,7 +204,6 @@ TEST(MotionPhoto, EmbedsTheClipSoThatPictureAndClipBothStillRead) {
 
 TEST(MotionPhoto, RejectsBadInputsWithAReasonAndWritesNothing) {
   kovane_replay_test::TempDir dir;
-  ASSERT_FALSE(dir.path().empty());
   const std::string jpegPath = dir.file("final.jpg"), outPath = dir.file("motion.jpg");
   const std::string clipPath = kovane_test::testDataPath(kClipA);
   const std::vector<uint8_t> jpeg = cockatooJpeg(jpegPath), mp4 = readBytes(clipPath);
