@@ -13,14 +13,13 @@
 
 namespace kovane_test {
 
-// Stands in for the engine: configurable masks, and a record of every buffer handed back.
+// Stands in for the engine: every feature and the first two sensors on, and a record of every
+// buffer handed back.
 class TestEngineContext : public android::KoEngineContext {
  public:
-  explicit TestEngineContext(uint32_t features = 0x1F, uint32_t sensors = 0x3)
-      : mFeatures(features), mSensors(sensors), mMemory(this) {}
-
-  uint32_t featureMask() const override { return mFeatures; }
-  uint32_t sensorMask() const override { return mSensors; }
+  TestEngineContext() : mMemory(this) {}
+  uint32_t featureMask() const override { return 0x1F; }
+  uint32_t sensorMask() const override { return 0x3; }
   android::KoMemory* memory() const override { return const_cast<android::KoMemory*>(&mMemory); }
   void frameDone(void* buffer) override {
     std::lock_guard<std::mutex> lock(mLock);
@@ -31,13 +30,11 @@ class TestEngineContext : public android::KoEngineContext {
     return mReturned;
   }
   size_t timesReturned(void* buffer) {
-    std::lock_guard<std::mutex> lock(mLock);
-    return static_cast<size_t>(std::count(mReturned.begin(), mReturned.end(), buffer));
+    const std::vector<void*> all = returned();
+    return static_cast<size_t>(std::count(all.begin(), all.end(), buffer));
   }
 
  private:
-  uint32_t mFeatures;
-  uint32_t mSensors;
   std::mutex mLock;
   std::vector<void*> mReturned;
   android::KoMemory mMemory;  // last: destroyed first, while the record above still exists
@@ -51,10 +48,8 @@ inline android::sp<android::KoFrameData> makeFrame(uint32_t frameId, int64_t tim
   return frame;
 }
 
-// A fake camera buffer address for ZSL tests.
+// A fake camera buffer address, and buffer `n` registered with the tracker as the camera lends it.
 inline uint8_t* zslAddress(uintptr_t n) { return reinterpret_cast<uint8_t*>(0x10000 + n * 0x1000); }
-
-// Registers buffer `n` with the engine's tracker, as the camera lends it.
 inline android::sp<android::KoMemoryBuffer> lendZsl(TestEngineContext& engine, uintptr_t n) {
   android::sp<android::KoMemoryBuffer> buffer;
   EXPECT_TRUE(engine.memory()->addZslBuffer(zslAddress(n), &buffer)) << n;
