@@ -7,9 +7,9 @@
 
 namespace platform_test {
 
-// Straightforward area average of one channel: each target pixel is the mean of the source area
-// it covers, partly covered pixels weighted by the covered fraction. `step` is the distance
-// between samples of the channel (1 for a plane, 2 for one channel of interleaved pairs).
+// Area average of one channel: each target pixel is the mean of the source area it covers,
+// partly covered pixels weighted by the covered fraction. `step` is the distance between
+// samples of the channel (1 for a plane, 2 for one channel of interleaved pairs).
 inline std::vector<double> areaReference(const uint8_t* src, int sw, int sh, int stride, int step, int dw, int dh) {
   std::vector<double> out(static_cast<size_t>(dw) * dh);
   for (int y = 0; y < dh; ++y) {
@@ -34,8 +34,7 @@ inline std::vector<double> areaReference(const uint8_t* src, int sw, int sh, int
 // Largest and mean difference between a reduced channel (rows `stride` bytes apart, samples
 // `step` apart) and its reference.
 struct Diff {
-  double maxAbs = 0;
-  double meanAbs = 0;
+  double maxAbs = 0, meanAbs = 0;
 };
 inline Diff diffTo(const uint8_t* got, int stride, int step, const std::vector<double>& ref, int dw, int dh) {
   Diff d;

@@ -1,5 +1,5 @@
 #pragma once
-// Frames, histories and records with known values for the statistics record tests.
+// Frames, histories and records with known values for the statistics record tests and fuzzer.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -64,18 +64,14 @@ inline sp<android::KoFrameData> makeFrame(int i, const FrameOptions& opt) {
   f->mAccelSample = {111, 0.1f * i, -9.81f, 0.333f};
   f->mGyroSample = {222, -0.002f * i, 0.0104f, 1.0f / 3.0f};
   f->mOrientSample = {333, 359.9f, -45.5f + i, 12.0f};
-  f->mCafState = static_cast<int16_t>(-1 + i % 4);
-  f->mLensPos = static_cast<int16_t>(-200 + 7 * i);
-  f->mAfNumRoi = static_cast<uint8_t>(i % 2);
-  f->mAfWindow[0] = static_cast<uint16_t>(100 + i);
-  f->mAfWindow[1] = static_cast<uint16_t>(200 + i);
+  f->mCafState = static_cast<int16_t>(-1 + i % 4), f->mLensPos = static_cast<int16_t>(-200 + 7 * i);
+  f->mAfNumRoi = static_cast<uint8_t>(i % 2), f->mAfRoiType = static_cast<uint8_t>(i % 3);
+  f->mAfWindow[0] = static_cast<uint16_t>(100 + i), f->mAfWindow[1] = static_cast<uint16_t>(200 + i);
   f->mAfWindow[2] = 65535, f->mAfWindow[3] = static_cast<uint16_t>(40 + i);
-  f->mAfRoiType = static_cast<uint8_t>(i % 3);
   f->mHasZsl = opt.zsl ? 1 : 0;
   if (opt.zsl) f->setZslBuffer(new android::ABuffer(4));
   f->mFeScore = 1000 - 13 * i, f->mFacesScore = 0.5f + 0.01f * i, f->mBsScore = -2.75f + i;
-  f->mMotionResult[3] = floatWord(1.125f + i);
-  f->mMotionResult[4] = floatWord(0.0015f * i);
+  f->mMotionResult[3] = floatWord(1.125f + i), f->mMotionResult[4] = floatWord(0.0015f * i);
   f->mMotionResult[8] = floatWord(-7.5f), f->mMotionResult[9] = floatWord(99.999f);
   f->mMotionResult[0] = floatWord(55555.0f);  // never printed
   f->mCamMotion[3] = static_cast<uint32_t>(i % 4);
@@ -86,27 +82,13 @@ inline sp<android::KoFrameData> makeFrame(int i, const FrameOptions& opt) {
   f->mFaceData.record.numFaces = opt.claimed ? opt.claimed : static_cast<uint32_t>(opt.faces);
   f->mFaceData.record.reserved = 424242;
   f->mFaceData.numBlinkedPredicted = i % 2;
-  for (int k = 0; k < opt.faces && k < android::KO_MAX_FACES; ++k) {
-    fillFace(f->mFaceData.record.faces[k], i, k);
-  }
+  for (int k = 0; k < opt.faces && k < android::KO_MAX_FACES; ++k) fillFace(f->mFaceData.record.faces[k], i, k);
   if (opt.histogram) {
     f->mHistogramBins = 32;
     f->mHistogram = static_cast<uint32_t*>(malloc(32 * sizeof(uint32_t)));
     for (int b = 0; b < 32; ++b) f->mHistogram[b] = static_cast<uint32_t>(i * 1000 + b * 7);
   }
   return f;
-}
-
-// Gives a frame a downscaled image of width x height (planar 4:2:0) where byte n holds
-// (n * 7 + n / 251) & 0xff.
-inline void attachImage(const sp<android::KoFrameData>& f, uint32_t width, uint32_t height) {
-  const size_t bytes = static_cast<size_t>(width) * height * 3 / 2;
-  uint8_t* image = static_cast<uint8_t*>(fcvMemAlloc(static_cast<unsigned>(bytes), 16));
-  for (size_t n = 0; n < bytes; ++n) image[n] = static_cast<uint8_t>((n * 7 + n / 251) & 0xff);
-  f->mWidth = width;
-  f->mHeight = height;
-  f->mDownscaledImage = new android::ABuffer(image, bytes);
-  f->mAnalysisImage = image + static_cast<size_t>(width) * ((height - 360) / 2);
 }
 
 // A history holding the frames, and a snapshot of it.
@@ -156,18 +138,5 @@ inline void fillSequence(android::KoSequenceData& seq, android::bestShotInfo_t& 
 inline const char kSequenceLine[] =
     "34, 7, 123456789012, 40, 3, 90, 1, 42, 5, 41, 1, 0, 1, 55, 30, 45, 100.500, 12.250, 3.500, "
     "1.125, 20.000, 4.500, 0.875, -2, 0.938, 1, 6, 1, 0, 1, -1.000, 0.500, 65539, 2";
-
-// Reads the little-endian uint32 at p.
-inline uint32_t le32(const void* p) {
-  const uint8_t* b = static_cast<const uint8_t*>(p);
-  return b[0] | (b[1] << 8) | (b[2] << 16) | (static_cast<uint32_t>(b[3]) << 24);
-}
-
-// Occurrences of `what` in `text`.
-inline int countOf(const std::string& text, const std::string& what) {
-  int n = 0;
-  for (size_t pos = text.find(what); pos != std::string::npos; pos = text.find(what, pos + 1)) ++n;
-  return n;
-}
 
 }  // namespace kovane_test
