@@ -761,6 +761,51 @@ TEST(BlockMotion, AllKernelSetsGiveIdenticalResults) {
 
 // Subject motion around the capture is kept (more scores higher) unless the sensors, the frames' own
 // classes or a large common shift in the picture say the camera pans.
+// Both estimators normalise for exposure: a gain or offset step between two copies of a real
+// frame is neither a shift nor motion, and a shift or a moving region under a step is still found.
+TEST(ExposureSteps, AreNoShiftAndNoMotionAndWhatMovesUnderThemIsStillFound) {
+  const struct { double gain, offset; } steps[] = {{0.8, 0}, {1.25, 0}, {1.0, 20}, {1.0, -25}, {0.8, 12}};
+  auto motion = [](const Plane& ref, const Plane& cur) {
+    DexMotionDetection md(640, 360);
+    EXPECT_EQ(0, md.copyNewRefFrame(ref.data(), 640, 360, 640));
+    Result r{};
+    EXPECT_EQ(0, md.processMEPerFrame(cur.data(), nullptr, nullptr, nullptr, nullptr, 640, &r));
+    return r;
+  };
+  const Plane ref = kocore_test::crop(bigFrame(), 160, 90, 640, 360);
+  const Plane still = currentView(5, -3), moving = currentView(5, -3, 320, 180, -10, 8);
+  for (const char* name : {"cockatoo_f005_1280x720.nv21", "cockatoo_f100_1280x720.nv21", "solvay_1920x1080.nv21"}) {
+    const Plane view = kocore_test::analysisView(name);
+    ASSERT_EQ(640u * 360u, view.px.size()) << "a missing picture";
+    for (const auto& st : steps) {
+      SCOPED_TRACE(std::string(name) + " gain " + std::to_string(st.gain) + " offset " + std::to_string(st.offset));
+      const Plane stepped = kocore_test::contrast(view, st.gain, st.offset);
+      const DexFrameMetaData::xyShift sh = shiftOf(view, stepped);
+      EXPECT_EQ(0, sh.dx);
+      EXPECT_EQ(0, sh.dy);
+      EXPECT_LT(sh.a, 5.0f);  // only what clipping destroyed remains
+      const Result r = motion(view, stepped);
+      EXPECT_GT(r.numBlocks, 50);
+      EXPECT_EQ(0.0f, r.globalDx);
+      EXPECT_EQ(0.0f, r.globalDy);
+      EXPECT_LT(r.frmMotionScoreNorm, 0.05f);
+      if (name[0] != 's') continue;
+      const Result s = motion(ref, kocore_test::contrast(still, st.gain, st.offset));
+      const Result m = motion(ref, kocore_test::contrast(moving, st.gain, st.offset));
+      EXPECT_NEAR(5.0f, s.globalDx, 0.5f);
+      EXPECT_NEAR(-3.0f, s.globalDy, 0.5f);
+      EXPECT_LT(s.frmMotionScoreNorm, 0.03f);
+      EXPECT_GT(m.ctrFrmMotionScoreNorm, 0.2f);
+    }
+  }
+  // A step whose matching table has no fixed-point form (the vector paths fall back to the table).
+  const Result r = motion(ref, kocore_test::contrast(ref, 1.63, 0));
+  EXPECT_GT(r.numBlocks, 50);
+  EXPECT_EQ(0.0f, r.globalDx);
+  EXPECT_EQ(0.0f, r.globalDy);
+  EXPECT_LT(r.frmMotionScoreNorm, 0.05f);
+}
+
 TEST(MotionDecision, SubjectMotionIsKeptAPanIsNot) {
   auto decide = [](float subject, float shift = 0, int mode = DexCameraMotion::MODE_STEADY, float gyroMean = 0.01f,
                    bool classedPanning = false) {
@@ -799,6 +844,21 @@ TEST(MotionDecision, SubjectMotionIsKeptAPanIsNot) {
   EXPECT_EQ(0.0f, decide(0.12f, 0, DexCameraMotion::MODE_STEADY, 0.01f, true));
   EXPECT_EQ(0.0f, decide(0.12f, 10.0f));
   EXPECT_EQ(kept, decide(0.12f, 3.0f)) << "a little camera shake is no pan";
+  // Frames with statistics but no motion estimates: the frame difference decides.
+  auto byDifference = [](float diffMean) {
+    KoFrameHist hist;
+    for (uint32_t i = 0; i < 12; ++i) {
+      sp<KoFrameData> f = kovane_test::makeFrame(700 + i, 9000000 + 40000 * i);
+      f->mDiffStats.mean = diffMean;
+      f->setProcessedEvents(KoFrameData::EVENT_STATS);
+      hist.addFrameData(f);
+    }
+    KoFrameHistSnapshot snapshot(&hist);
+    Vector<KO_camMotionType_t> cam;
+    return DexMotionDetection(640, 360).KoMotionDecision(&snapshot, cam, 12, 6);
+  };
+  EXPECT_EQ(0.0f, byDifference(0.01f));
+  EXPECT_GT(byDifference(20.0f), 0.0f);
 }
 
 }  // namespace
