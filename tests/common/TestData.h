@@ -18,14 +18,6 @@ std::string testDataPath(const std::string& name);
 // Whole file contents; an empty vector (and a test failure) when the file cannot be read.
 std::vector<uint8_t> readTestFile(const std::string& name);
 
-// An 8-bit grey picture read from a binary PGM (P5) file.
-struct GreyImage {
-  int width = 0;
-  int height = 0;
-  std::vector<uint8_t> pixels;  // width * height, row stride = width
-};
-GreyImage readPgm(const std::string& name);
-
 // An NV21 frame read from a raw file of the given size (luma, then interleaved V,U pairs).
 std::vector<uint8_t> readNv21(const std::string& name, int width, int height);
 
