@@ -81,16 +81,18 @@ Taps makeTaps(int srcLen, int dstLen) {
 }
 
 // The area average of `channels` interleaved channels. Each target row first sums its source
-// rows, weighted, into one row of column sums over the whole row of bytes (a plain loop over
-// contiguous bytes that the compiler vectorises), then weighs the column sums of each target
-// pixel: the horizontal taps run once per target row instead of once per source row. Every product is an exact integer, so the order of the sums does not change a result.
-// Column sums are at most 255 * sh; `Col` is 32 bits wide whenever that fits.
-// Not instrumented for undefined behaviour: the arithmetic is unsigned, the pointers stay inside
-// buffers whose bounds the address sanitizer still checks, and the per-byte checks kept the
+// rows, weighted, into column sums over the whole row of bytes (a plain loop over contiguous
+// bytes that the compiler vectorises), then weighs the column sums of each target pixel: the
+// horizontal taps run once per target row instead of once per source row. Every product is an
+// exact integer, so the order of the sums does not change a result. Column sums are at most
+// 255 * sh; `Col` is 32 bits wide whenever that fits.
+// Not instrumented for undefined behaviour: the arithmetic is unsigned and the pointers stay
+// inside buffers whose bounds the address sanitizer still checks; the per-byte checks kept the
 // loops scalar, which made this routine the largest cost of the sanitized and fuzzing builds.
 template <typename Col>
-__attribute__((no_sanitize("undefined"))) void areaReduceRows(const uint8_t* src, int sw, int sh, size_t srcStride, uint8_t* dst, int dw,
-                    int dh, size_t dstStride, int channels) {
+__attribute__((no_sanitize("undefined"))) void areaReduceRows(
+    const uint8_t* src, int sw, int sh, size_t srcStride, uint8_t* dst, int dw, int dh,
+    size_t dstStride, int channels) {
   const Taps cols = makeTaps(sw, dw);
   const Taps rows = makeTaps(sh, dh);
   const uint64_t denom = static_cast<uint64_t>(sw) * static_cast<uint64_t>(sh);
